@@ -1,0 +1,13 @@
+// qzbase: the whole public interface. Include this one header.
+#ifndef QZBASE_QZBASE_H
+#define QZBASE_QZBASE_H
+
+#include <qzbase/QzTypes.h>
+#include <qzbase/QzFrame.h>
+// Families add their headers below, one line each, in the order of their layers.
+#include <qzbase/QzMempool.h>
+#include <qzbase/QzFormat.h>
+#include <qzbase/QzConvert.h>
+// QZ_PUBLIC_HEADERS_END
+
+#endif  // QZBASE_QZBASE_H

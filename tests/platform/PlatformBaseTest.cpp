@@ -1,0 +1,68 @@
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <thread>
+
+#include "QzTestSupport.h"
+
+using namespace qzsys;
+
+TEST(PlatformTypes, WindowsSizesHoldOnEveryWidth) {
+  static_assert(sizeof(DWORD) == 4 && sizeof(HRESULT) == 4 && sizeof(LONG) == 4, "32-bit");
+  EXPECT_LT(E_FAIL, 0);
+  EXPECT_EQ(INFINITE, 0xFFFFFFFFu);
+  EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED), static_cast<HRESULT>(0x80070005u));
+  EXPECT_EQ(HRESULT_FROM_WIN32(0), 0);
+}
+
+TEST(PlatformLastError, IsPerThreadAndMapsErrno) {
+  SetLastError(1234);
+  std::thread([] { EXPECT_EQ(GetLastError(), 0u); SetLastError(7); }).join();
+  EXPECT_EQ(GetLastError(), 1234u);
+  const struct { int err; DWORD win; } rows[] = {
+      {ENOENT, 2}, {ENOTDIR, 3}, {EACCES, 5}, {EBADF, 6}, {ENOMEM, 8},
+      {EFAULT, 487}, {ETXTBSY, 32}, {EEXIST, 80}, {EINVAL, 87}, {ENOSPC, 112}};
+  for (const auto& r : rows) EXPECT_EQ(QzErrnoToWin32(r.err), r.win) << r.err;
+  errno = ENOENT;
+  EXPECT_EQ(QzSetLastErrorFromErrno(), 2u);
+  EXPECT_EQ(GetLastError(), 2u);
+}
+
+TEST(PlatformIds, ThreadIdsAreStableNonZeroAndDistinct) {
+  DWORD mine = GetCurrentThreadId();
+  EXPECT_NE(mine, 0u);
+  EXPECT_EQ(mine, GetCurrentThreadId());
+  DWORD other = 0;
+  std::thread([&] { other = GetCurrentThreadId(); }).join();
+  EXPECT_NE(other, 0u);
+  EXPECT_NE(other, mine);
+}
+
+TEST(PlatformClock, FileTimeCountsFrom1601) {
+  FILETIME ft;
+  GetSystemTimeAsFileTime(&ft);
+  uint64_t t = (static_cast<uint64_t>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
+  // 2020-01-01 is 132223104000000000 in these units.
+  EXPECT_GT(t, 132223104000000000ull);
+  SYSTEM_INFO si;
+  GetSystemInfo(&si);
+  EXPECT_GE(si.dwPageSize, 4096u);
+  EXPECT_EQ(si.dwPageSize & (si.dwPageSize - 1), 0u);
+}
+
+TEST(PlatformDebugOutput, CaptureSeesEveryText) {
+  qztest::DebugCapture capture;
+  OutputDebugStringA("one\n");
+  OutputDebugStringA(nullptr);
+  OutputDebugStringA("two");
+  EXPECT_EQ(capture.joined(), "one\ntwo");
+}
+
+TEST(PlatformFaults, SkipThenFailThenPass) {
+  qztest::FaultScope fault(QZ_FAULT_VIRTUAL_ALLOC, 2, 3);
+  bool seen[7];
+  for (bool& s : seen) s = QzFaultHit(QZ_FAULT_VIRTUAL_ALLOC);
+  const bool want[7] = {false, false, true, true, true, false, false};
+  for (int i = 0; i < 7; ++i) EXPECT_EQ(seen[i], want[i]) << i;
+  EXPECT_EQ(fault.hits(), 3u);
+}
