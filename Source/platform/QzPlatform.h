@@ -26,6 +26,7 @@
 #include "platform/QzPlatformBase.h"
 // Areas added by the families that need them, one line each:
 #include "platform/QzPlatformText.h"
+#include "platform/QzPlatformMemory.h"
 // QZ_PLATFORM_AREAS_END
 
 #endif  // QZBASE_PLATFORM_QZPLATFORM_H

@@ -50,6 +50,17 @@ QZ_API void* Qz_MempoolAlignedAlloc(QzMempool* pool, size_t alignment, size_t si
 QZ_API void* Qz_MempoolAlignedRealloc(QzMempool* pool, void* block, size_t alignment, size_t size);
 QZ_API void Qz_MempoolAlignedFree(QzMempool* pool, void* block);
 
+// Sets a process-wide threshold of the heaps; `pool` is not used.
+//   -1: trimThreshold   (top size above which a free gives memory back)
+//   -2: granularity     (unit of every system request; a power of two of at
+//                        least the page size, else refused)
+//   -3: directThreshold (chunk size from which a request gets its own mapping)
+// A value of -1 means the largest size: it switches automatic trimming or
+// direct mapping off. 1 on success, 0 if refused (unknown parameter or a bad
+// granularity; nothing changes). Any thread; takes effect at the next growth,
+// creation or re-establishing of a heap's top.
+QZ_API int Qz_MempoolOpt(QzMempool* pool, int parameter, int value);
+
 }  // extern "C"
 
 #endif  // QZBASE_QZMEMPOOL_H
