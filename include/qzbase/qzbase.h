@@ -8,6 +8,9 @@
 #include <qzbase/QzMempool.h>
 #include <qzbase/QzFormat.h>
 #include <qzbase/QzConvert.h>
+#include <qzbase/QzString.h>
+#include <qzbase/QzException.h>
+#include <qzbase/QzDebug.h>
 // QZ_PUBLIC_HEADERS_END
 
 #endif  // QZBASE_QZBASE_H

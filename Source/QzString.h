@@ -1,0 +1,168 @@
+// Strings, internal side: the block helpers shared by every file that
+// implements members of QzStringBaseT.
+//
+// Rules the helpers keep:
+//  - A block for n characters has room for (n + 8) & ~7 units, terminator
+//    included, and capacity one less. Blocks come from pool 0 and go back
+//    there.
+//  - Only a sole owner (refCount <= 1, a plain read) changes a block in
+//    place. Everybody else builds a new block, swaps it in, and releases the
+//    old one last, so a failed allocation leaves the string as it was and the
+//    old block may still be read while the new one is filled.
+//  - A failed allocation throws QzException(0x8007000E) before any string
+//    object has changed.
+//
+// A file that defines members of QzStringBaseT ends with explicit
+// instantiations of both widths (`template class QzStringBaseT<char>;` and
+// `template class QzStringBaseT<unsigned short>;`); each instantiates only
+// the members defined in that file.
+#ifndef QZBASE_SOURCE_QZSTRING_H
+#define QZBASE_SOURCE_QZSTRING_H
+
+#include <qzbase/QzConvert.h>
+#include <qzbase/QzException.h>
+#include <qzbase/QzMempool.h>
+#include <qzbase/QzString.h>
+
+#include <string.h>
+
+// Friend of QzStringBaseT: reaches the character pointer and the private
+// members for the library's own code (and its tests).
+struct QzStringAccess {
+  template <typename T>
+  static T*& Chars(QzStringBaseT<T>& s) { return s.m_pchData; }
+  template <typename T>
+  static T* Chars(const QzStringBaseT<T>& s) { return s.m_pchData; }
+  // The string that owns the base (every base is the base of a QzStringT).
+  template <typename T>
+  static QzStringT<T>& Derived(QzStringBaseT<T>& s) { return static_cast<QzStringT<T>&>(s); }
+  template <typename T>
+  static const QzStringT<T>& Empty() { return QzStringBaseT<T>::empty; }
+  template <typename T>
+  static void SetInternal(QzStringBaseT<T>& s, const T* text, unsigned int count) {
+    s.SetInternal(text, count);
+  }
+  template <typename T>
+  static void AppendInternal(QzStringBaseT<T>& s, const T* text, unsigned int count) {
+    s.AppendInternal(text, count);
+  }
+};
+
+namespace qzstr {
+
+// ---- Layout -------------------------------------------------------------------
+inline QzInternalStringData* Header(const void* chars) {
+  return const_cast<QzInternalStringData*>(static_cast<const QzInternalStringData*>(chars) - 1);
+}
+template <typename T>
+inline T* CharsOf(QzInternalStringData* header) {
+  return reinterpret_cast<T*>(header + 1);
+}
+// Units of room (terminator included) for n characters.
+inline uint32_t UnitsFor(uint32_t n) { return (n + 8u) & ~7u; }
+template <typename T>
+inline size_t BlockBytes(uint32_t n) {
+  return sizeof(QzInternalStringData) + static_cast<size_t>(UnitsFor(n)) * sizeof(T);
+}
+
+// ---- The shared empty record ------------------------------------------------------
+// One static header with two zero 16-bit units behind it: the characters of an
+// empty string of either width.
+struct QzEmptyStringRecord {
+  QzInternalStringData header;
+  unsigned short chars[2];
+};
+extern QzEmptyStringRecord g_emptyRecord;
+
+template <typename T>
+inline T* EmptyChars() {
+  return reinterpret_cast<T*>(g_emptyRecord.chars);
+}
+
+// ---- Counts -----------------------------------------------------------------------
+inline void Retain(const void* chars) {
+  __atomic_add_fetch(&Header(chars)->refCount, 1, __ATOMIC_SEQ_CST);
+}
+inline void Release(const void* chars) {
+  QzInternalStringData* h = Header(chars);
+  if (__atomic_sub_fetch(&h->refCount, 1, __ATOMIC_SEQ_CST) == 0) Qz_MempoolFree(0, h);
+}
+// A plain read: only the object's own thread may change whether it is shared
+// from 1 upwards, and no other owner can bring a count of 1 down.
+inline bool IsSoleOwner(const void* chars) { return Header(chars)->refCount <= 1; }
+
+// ---- Failure ------------------------------------------------------------------------
+[[noreturn]] void ThrowOutOfMemory();
+
+// ---- Blocks -------------------------------------------------------------------------
+// A new block for n characters: refCount 1, capacity and length n set, the
+// terminator written; the characters themselves are the caller's to fill.
+// Throws on out of memory.
+template <typename T>
+inline T* NewBlock(uint32_t n) {
+  QzInternalStringData* h = static_cast<QzInternalStringData*>(Qz_MempoolAlloc(0, BlockBytes<T>(n)));
+  if (h == 0) ThrowOutOfMemory();
+  h->refCount = 1;
+  h->capacity = UnitsFor(n) - 1;
+  h->length = n;
+  T* chars = CharsOf<T>(h);
+  chars[n] = 0;
+  return chars;
+}
+// A new block holding a copy of n characters at text.
+template <typename T>
+inline T* NewBlockCopy(const T* text, uint32_t n) {
+  T* chars = NewBlock<T>(n);
+  if (n != 0) memcpy(chars, text, static_cast<size_t>(n) * sizeof(T));
+  return chars;
+}
+// Makes `chars` the string's block (atomic exchange) and releases the block it
+// held. `chars` carries one reference, which passes to the string.
+template <typename T>
+inline void SwapIn(QzStringBaseT<T>& s, T* chars) {
+  T* old = __atomic_exchange_n(&QzStringAccess::Chars(s), chars, __ATOMIC_SEQ_CST);
+  Release(old);
+}
+// The string moves to the shared empty record.
+template <typename T>
+inline void MakeEmpty(QzStringBaseT<T>& s) {
+  T* chars = EmptyChars<T>();
+  Retain(chars);
+  SwapIn(s, chars);
+}
+// Gives a shared string a private copy of its text, sized by the rule for its
+// length, and returns the new characters. A sole owner keeps its block.
+template <typename T>
+inline T* Unshare(QzStringBaseT<T>& s) {
+  T* chars = QzStringAccess::Chars(s);
+  if (IsSoleOwner(chars)) return chars;
+  T* fresh = NewBlockCopy(chars, Header(chars)->length);
+  SwapIn(s, fresh);
+  return fresh;
+}
+
+// ---- Two-pass conversion between the widths ------------------------------------------
+// Pass 1: the destination units that `count` source units need (the
+// conversion's own reading of a count of -1 included); 0 when it cannot run.
+unsigned int MeasureConversion(const char* text, unsigned int count);
+unsigned int MeasureConversion(const unsigned short* text, unsigned int count);
+// Pass 2: converts into dst, which has room for `room` units (the measure);
+// returns the units written (0 when the conversion failed). No terminator.
+unsigned int ConvertInto(unsigned short* dst, unsigned int room, const char* text, unsigned int count);
+unsigned int ConvertInto(char* dst, unsigned int room, const unsigned short* text, unsigned int count);
+
+// A new block holding the conversion of `text`: length 0 (capacity 7, a
+// private block) when the conversion fails. Throws on out of memory.
+template <typename T, typename U>
+inline T* NewBlockConverted(const U* text, unsigned int count) {
+  unsigned int need = MeasureConversion(text, count);
+  T* chars = NewBlock<T>(need);
+  unsigned int got = ConvertInto(chars, need, text, count);
+  Header(chars)->length = got;
+  chars[got] = 0;
+  return chars;
+}
+
+}  // namespace qzstr
+
+#endif  // QZBASE_SOURCE_QZSTRING_H
