@@ -27,6 +27,7 @@
 // Areas added by the families that need them, one line each:
 #include "platform/QzPlatformText.h"
 #include "platform/QzPlatformMemory.h"
+#include "platform/QzPlatformTls.h"
 // QZ_PLATFORM_AREAS_END
 
 #endif  // QZBASE_PLATFORM_QZPLATFORM_H

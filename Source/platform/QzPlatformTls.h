@@ -1,0 +1,74 @@
+// Platform layer, thread-local slots: TlsAlloc, TlsFree, TlsGetValue,
+// TlsSetValue with the Windows results.
+//
+// Every pool owns one slot, and every allocation of a cached pool reads it, so
+// TlsGetValue is inline and costs one initial-exec TLS load, a bounds test and
+// a generation compare. Each thread keeps its values in a table of
+// QZ_TLS_SLOT_COUNT entries, made at the thread's first TlsSetValue and given
+// back when the thread ends; a thread that never stored has no table and
+// reads 0 everywhere.
+//
+// TlsFree makes the slot read 0 in every thread: it bumps the slot's
+// generation, and an entry stored under an older generation reads as 0. So a
+// slot that is freed and handed out again starts at 0 in all threads, as on
+// Windows.
+//
+// Differences from Windows, by choice:
+//  - QZ_TLS_SLOT_COUNT is 256, not 1088; TlsAlloc fails with
+//    TLS_OUT_OF_INDEXES (last error ERROR_NO_MORE_ITEMS) beyond it.
+//  - A successful TlsGetValue leaves the last error alone (Windows clears
+//    it). Callers here never need to tell a stored 0 from a failure.
+//  - TlsSetValue on a slot that is not allocated fails with
+//    ERROR_INVALID_PARAMETER.
+//
+// Failure switches: QZ_FAULT_TLS_ALLOC makes TlsAlloc fail,
+// QZ_FAULT_TLS_SET_VALUE makes TlsSetValue fail (ERROR_NOT_ENOUGH_MEMORY).
+#ifndef QZBASE_PLATFORM_QZPLATFORMTLS_H
+#define QZBASE_PLATFORM_QZPLATFORMTLS_H
+
+#include "platform/QzWinTypes.h"
+
+#include <atomic>
+
+namespace qzsys {
+
+constexpr DWORD TLS_OUT_OF_INDEXES = 0xFFFFFFFFu;
+constexpr DWORD ERROR_NO_MORE_ITEMS = 259;
+constexpr DWORD QZ_TLS_SLOT_COUNT = 256;
+
+// One value of one thread, valid only while `generation` matches the slot's.
+struct QzTlsEntry {
+  LPVOID value;
+  uintptr_t generation;
+};
+
+// Generation of each slot, raised by TlsFree.
+extern std::atomic<uintptr_t> g_qzTlsGeneration[QZ_TLS_SLOT_COUNT];
+// The calling thread's table, null until it first stores a value. Initial-exec
+// keeps the read a single instruction; the library's static TLS stays one word,
+// so the library can still be loaded late with dlopen.
+extern thread_local QzTlsEntry* t_qzTlsTable __attribute__((tls_model("initial-exec")));
+
+// A free slot, or TLS_OUT_OF_INDEXES.
+DWORD TlsAlloc();
+// Releases a slot; its value reads 0 in every thread from now on. FALSE with
+// ERROR_INVALID_PARAMETER for a slot that is not allocated.
+BOOL TlsFree(DWORD index);
+// Stores the calling thread's value. FALSE on an unallocated slot or when the
+// thread's table cannot be made (ERROR_NOT_ENOUGH_MEMORY).
+BOOL TlsSetValue(DWORD index, LPVOID value);
+
+// The calling thread's value; 0 if it never stored one in this slot since the
+// slot was allocated. An index out of range gives 0 and ERROR_INVALID_PARAMETER.
+LPVOID QzTlsGetValueSlow(DWORD index);
+inline LPVOID TlsGetValue(DWORD index) {
+  QzTlsEntry* table = t_qzTlsTable;
+  if (__builtin_expect(table == nullptr || index >= QZ_TLS_SLOT_COUNT, 0)) return QzTlsGetValueSlow(index);
+  const QzTlsEntry& e = table[index];
+  if (__builtin_expect(e.generation != g_qzTlsGeneration[index].load(std::memory_order_relaxed), 0)) return nullptr;
+  return e.value;
+}
+
+}  // namespace qzsys
+
+#endif  // QZBASE_PLATFORM_QZPLATFORMTLS_H
