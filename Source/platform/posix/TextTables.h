@@ -1,0 +1,57 @@
+// Code page records shared by the text routines and the converter component.
+// Internal to the POSIX platform layer.
+#ifndef QZBASE_PLATFORM_POSIX_TEXTTABLES_H
+#define QZBASE_PLATFORM_POSIX_TEXTTABLES_H
+
+#include "platform/QzWinTypes.h"
+
+namespace qzsys {
+namespace text {
+
+enum PageKind : unsigned char {
+  kUtf8,    // hand-written, no table
+  kSingle,  // one byte per character, table from iconv
+  kDouble,  // lead byte + trail byte, table from iconv
+  kIconv,   // the converter component only
+};
+
+struct PageInfo {
+  UINT codePage;
+  const char* iconvName;
+  PageKind kind;
+};
+
+// The record of a page, or null when the library does not know it.
+const PageInfo* FindPage(UINT codePage);
+
+// A single- or double-byte page's mapping, built at first use and then
+// read-only (so read by any thread without a lock).
+struct PageTable {
+  UINT codePage;
+  PageKind kind;
+  bool lead[256];           // double-byte pages: the lead bytes
+  WCHAR single[256];        // byte -> UTF-16; 0 for an invalid byte (byte 0 maps to 0 too)
+  const WCHAR* pairs;       // double-byte: (lead << 8 | trail) -> UTF-16, 0 when undefined
+  const uint16_t* encode;   // UTF-16 -> byte or (lead << 8 | trail); 0 when the page lacks it
+  unsigned char lower[256]; // single-byte case maps of the page's bytes
+  unsigned char upper[256];
+};
+
+// The table of a single- or double-byte page (null for UTF-8, for a page
+// iconv cannot open, and for kIconv pages).
+const PageTable* GetTable(UINT codePage);
+
+// The table of the active page, or null when that page is UTF-8.
+const PageTable* ActiveTable();
+
+// Decodes one UTF-8 character at s (at most `avail` bytes). Returns its length
+// (1 to 4) and the code point in *cp, or 0 when the bytes there start no valid
+// character; *bad then holds the length of the maximal bad part (at least 1).
+unsigned DecodeUtf8(const unsigned char* s, size_t avail, uint32_t* cp, unsigned* bad);
+// Encodes a code point; returns the byte count (1 to 4).
+unsigned EncodeUtf8(uint32_t cp, unsigned char* out);
+
+}  // namespace text
+}  // namespace qzsys
+
+#endif  // QZBASE_PLATFORM_POSIX_TEXTTABLES_H
