@@ -10,6 +10,13 @@
 // Unload (detach): the load entry, reason 0, closes the log (QZ_DISABLE_LOG);
 // then the at-exit list runs backwards (wide empty string, then narrow).
 //
+// On Linux, prioritised shared-library constructors run the two static
+// initialisers and the load entry, in that order, before any other static
+// initialiser of the library. Detach is an at-exit entry that the last of
+// those constructors registers: registered after the empty strings' entries,
+// it runs before them, as the order above wants. A destructor runs detach
+// instead if that registration failed.
+//
 // The steps that belong to families above the frame are weak symbols: a
 // family supplies its step by defining the function, and a build without that
 // family leaves the step out. The frame calls them in the order above.
@@ -29,5 +36,17 @@ void QzUnloadStepDisableLog() __attribute__((weak));  // log family: QZ_DISABLE_
 
 // The system information record filled at attach; read-only afterwards.
 const qzsys::SYSTEM_INFO& QzSystemInfo();
+
+// The load entry, with the shape of the Windows one. Reason 1 (attach) and 0
+// (detach) run their sequences; any other reason does nothing. Always 1.
+constexpr qzsys::DWORD QZ_PROCESS_DETACH = 0;
+constexpr qzsys::DWORD QZ_PROCESS_ATTACH = 1;
+int QzLoadEntry(qzsys::HMODULE module, qzsys::DWORD reason, qzsys::LPVOID reserved);
+
+// A record of the load, unload and terminate steps in the order they ran, so
+// that the order can be checked whichever families are linked in. Each entry
+// is a fixed text; the record keeps the first 64 and drops the rest.
+// Fills up to `max` entries and returns how many there are in all.
+size_t QzFrameTrace(const char** out, size_t max);
 
 #endif  // QZBASE_QZFRAME_INTERNAL_H

@@ -95,6 +95,12 @@ QZ_API void Qz_MemcpyRect(void* dst, ptrdiff_t dstStride, const void* src, ptrdi
 QZ_API int Qz_IsValidReadRegion(const void* p, size_t size);
 QZ_API int Qz_IsValidWriteRegion(void* p, size_t size);
 
+// Name of the variant a slot holds, for diagnostics: pass the slot's address,
+// e.g. Qz_SlotVariantName(&Qz_SqrtF) gives "SSE square root". Static text,
+// never freed. Null when `slot` is not one of the seventeen slots or the slot
+// holds something that is not one of the library's variants.
+QZ_API const char* Qz_SlotVariantName(const void* slot);
+
 // ---- Shutdown ------------------------------------------------------------------
 // Call once, from an ordinary thread, when the host has finished with the
 // library and before unloading it: releases the cached conversion objects and
