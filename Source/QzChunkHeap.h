@@ -269,7 +269,7 @@ void QzHeapInsertTreeChunk(QzHeap* heap, QzTreeChunk* x, size_t size);
 void QzHeapEstablishTop(QzHeap* heap, QzChunk* t, size_t s);
 // Cuts c bytes from the front of top (c below topSize); the block.
 void* QzHeapCutFromTop(QzHeap* heap, size_t c);
-void QzHeapRegister(QzHeap* heap);
+bool QzHeapRegister(QzHeap* heap);  // false when the registry is full
 void QzHeapUnregister(QzHeap* heap);
 
 #endif  // QZBASE_QZCHUNKHEAP_H
