@@ -34,7 +34,7 @@ BOOL DisableThreadLibraryCalls(HMODULE module);
 DWORD GetModuleFileNameA(HMODULE module, LPSTR buf, DWORD size);
 
 // ---- Debug output -----------------------------------------------------------
-// Where the debugger's text goes on Linux: see docs/PLATFORM.md. By default it
+// Where the debugger's text goes on Linux: see docs/ARCHITECTURE.md. By default it
 // is dropped unless the environment variable QZ_DEBUG_OUTPUT names "stderr" or
 // a file to append to. A capture hook, when set, receives every text first
 // (tests use it); it may run on any thread.
