@@ -1,7 +1,11 @@
 // The load sequence, the load entry's reasons and Qz_TerminateLibrary.
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
+
+#include <atomic>
 
 #include <string>
 #include <vector>
@@ -20,7 +24,20 @@ struct BeforeLoad {
   size_t traceLength = 99;
 } g_beforeLoad;
 
+// An at-exit entry registered before the library's constructors, as the
+// empty strings' entries are: at exit it must find detach already done.
+std::atomic<bool> g_checkExitOrder{false};
+void CheckDetachRanBeforeMe() {
+  if (!g_checkExitOrder) return;
+  const char* entries[64];
+  size_t n = std::min<size_t>(QzFrameTrace(entries, 64), 64);
+  bool detached = false;
+  for (size_t i = n >= 2 ? n - 2 : 0; i < n; ++i) detached |= strcmp(entries[i], "load entry: detach") == 0;
+  _exit(detached ? 42 : 1);
+}
+
 __attribute__((constructor(150))) void RecordBeforeLoad() {
+  atexit(&CheckDetachRanBeforeMe);
   g_beforeLoad.copyWasPlain = Qz_FastMemcpy == &QzMemcpyPlain;
   g_beforeLoad.partialWasPlain = Qz_FastMemcpyPartial == &QzMemcpyPlain;
   g_beforeLoad.endWasNone = Qz_FastMemcpyEnd == &QzMemcpyEndNone;
@@ -111,6 +128,16 @@ TEST(FrameLoad, TerminateReleasesConvertersThenClosesTheLogAndCanRunTwice) {
     EXPECT_EQ(std::vector<std::string>(trace.begin() + before, trace.end()), once) << round;
   }
   EXPECT_EQ(Qz_Sqrt(16.0), 4.0);  // still usable afterwards
+}
+
+TEST(FrameLoadDeathTest, DetachRunsAtExitBeforeEarlierAtExitEntries) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        g_checkExitOrder = true;
+        exit(0);
+      },
+      testing::ExitedWithCode(42), "");
 }
 
 }  // namespace
