@@ -186,7 +186,7 @@ struct Checker {
       if (++n > 1000000) return Fail("segment list does not end");
       if (s != &heap->firstSegment) {
         const QzChunk* holder = QzBlockToChunk(s);
-        if (holder->sizeWord != (QZ_SEGMENT_CHUNK | QZ_INUSE_BITS)) return Fail("segment record outside a record chunk", s);
+        if ((holder->sizeWord & ~QZ_PREV_INUSE) != (QZ_SEGMENT_CHUNK | QZ_CUR_INUSE)) return Fail("segment record outside a record chunk", s);
       }
       ++r->segments;
       r->segmentBytes += s->size;

@@ -9,6 +9,8 @@
 
 #include "QzChunkHeap.h"
 #include "QzHeapCheck.h"
+#include "QzTestSupport.h"
+#include <qzbase/QzMempool.h>
 
 namespace heaptest {
 
