@@ -26,6 +26,8 @@
 #include "platform/QzPlatformBase.h"
 // Areas added by the families that need them, one line each:
 #include "platform/QzPlatformText.h"
+#include "platform/QzPlatformCom.h"
+#include "platform/QzPlatformRegistry.h"
 #include "platform/QzPlatformMemory.h"
 #include "platform/QzPlatformTls.h"
 // QZ_PLATFORM_AREAS_END
