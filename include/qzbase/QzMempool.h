@@ -1,14 +1,36 @@
 // qzbase: memory pools.
 //
 // A pool owns up to 16 heaps and a cache per thread. Handle 0 names the
-// default pool, which comes into being at its first use and is never
-// destroyed. Every block is at least 8-aligned and may be freed or
-// reallocated through any pool handle and by any thread: it always returns to
-// the heap that made it.
+// default pool, which comes into being at the first call that names it (on
+// any thread) and is never destroyed; everything the library allocates for
+// itself comes from there. Every block is at least 8-aligned (16 on x86-64)
+// and may be freed or reallocated through any pool handle and by any thread:
+// it always returns to the heap that made it.
+//
+// Thread caches: a block of up to 8 KiB (16 KiB on x86-64) that a thread frees
+// waits in that thread's cache of the pool named in the free call, and the
+// thread's next allocation of that size class takes it back without a lock.
+// With a cache, requests up to that size are rounded up to powers of two, so
+// Qz_MemblkSize may report more than was asked for. A cache holds at most
+// 512 KiB (1 MiB on x86-64) before it gives its oldest blocks back. A thread
+// that ends keeps its cache until the pool is destroyed, unless it calls
+// Qz_MempoolDisableThreadCache first.
+//
+// Ownership: the caller of Qz_CreateMempool owns the pool and ends it with
+// Qz_DestroyMempool; whoever allocates a block owns it until it is freed.
 //
 // Threads: every call may be made from any thread at any time, except that a
-// pool must not be destroyed while another thread still uses it.
-// Failure: out of memory gives 0 (never an exception); a bad free is dropped.
+// pool must be destroyed only when no other thread uses it any more and no
+// block of it waits in another pool's cache.
+//
+// Failure: out of memory gives 0, never an exception, and a failed
+// reallocation leaves the old block valid. A free that the heap can prove
+// wrong (a block already given back to its heap, a header that does not fit
+// its neighbours) is dropped; a block freed twice in a row by one
+// thread is reported on debug output and otherwise ignored. Pointers that
+// never came from this library are out of contract. The pools' fatal states
+// (the default pool cannot be set up; the system refuses a thread-local
+// slot value) end the process (code 0xC0000017).
 #ifndef QZBASE_QZMEMPOOL_H
 #define QZBASE_QZMEMPOOL_H
 
@@ -23,29 +45,44 @@ struct QzMempool;
 // `threads` is the most heaps it may have, 1 to 16 (any other value: 16).
 // The caller owns the pool and ends it with Qz_DestroyMempool. 0 on failure.
 QZ_API QzMempool* Qz_CreateMempool(size_t capacity, int threads);
-// Gives all the pool's memory back; every block of it becomes invalid. Not 0.
+// Gives all the pool's memory back at once; every block of it becomes
+// invalid (directly mapped blocks, 256 KiB or more by default, which have
+// mappings of their own, stay mapped for good). Null and the default pool are ignored.
 QZ_API void Qz_DestroyMempool(QzMempool* pool);
 
-// At least `size` bytes, 8-aligned, or 0.
+// The calling thread gives up its cache in the pool (0: the default pool) for
+// good: its cached blocks go back to their heaps, and it allocates from its
+// heap directly from now on. Threads that end should call it for every pool
+// they used. No result.
+QZ_API void Qz_MempoolDisableThreadCache(QzMempool* pool);
+
+// At least `size` bytes (0 counts as 16), or 0.
 QZ_API void* Qz_MempoolAlloc(QzMempool* pool, size_t size);
 // `count * size` zero bytes, or 0 (also when the product overflows).
 QZ_API void* Qz_MempoolCalloc(QzMempool* pool, size_t count, size_t size);
 // Resizes a block, moving it if need be. 0 on failure, and the old block
 // stays valid. A null block allocates.
 QZ_API void* Qz_MempoolRealloc(QzMempool* pool, void* block, size_t size);
-// Gives a block back. Null is ignored; a block that is not a live block of
-// this library is dropped without harm.
+// Gives a block back, to the calling thread's cache of `pool` or to its heap.
+// Null is ignored and creates nothing.
 QZ_API void Qz_MempoolFree(QzMempool* pool, void* block);
-// Usable bytes of a block (at least what was asked for), or 0.
+// Usable bytes of a block (at least what was asked for), 0 for null or a block
+// already given back to its heap. No lock; the block must stay live meanwhile.
 QZ_API size_t Qz_MemblkSize(void* block);
 
-// An opaque word kept for the pool's user, 0 at first.
+// An opaque word kept for the pool's user, 0 at first. No lock.
 QZ_API void Qz_MempoolSetValue(QzMempool* pool, uintptr_t value);
-// The value of the pool that owns `block`; when it comes from a pool, that
-// pool's handle is also stored at `place` (which may be null).
+// The value of the pool whose first heap made `block`; that pool's handle is
+// also stored at `place` (which may be null). 0, and `place` untouched, for a
+// block of a later heap of a pool (a pool adds heaps when its threads contend)
+// or for a pointer whose chunk does not look like a live block. A probe: it
+// tolerates a wrong pointer as far as the words around it can be read.
 QZ_API uintptr_t Qz_MempoolGetValue(QzMempool** place, void* block);
 
-// Blocks aligned to `alignment` (a power of two; smaller than 8 means 8).
+// Blocks aligned to `alignment`: 8 or less gives the plain alignment, other
+// values are raised to a power of two of at least 16. Never from a cache.
+// Any free call takes them. Reallocating a non-null block gives only the plain
+// alignment (the alignment argument then goes unused).
 QZ_API void* Qz_MempoolAlignedAlloc(QzMempool* pool, size_t alignment, size_t size);
 QZ_API void* Qz_MempoolAlignedRealloc(QzMempool* pool, void* block, size_t alignment, size_t size);
 QZ_API void Qz_MempoolAlignedFree(QzMempool* pool, void* block);
