@@ -1,0 +1,237 @@
+// Pool allocation against the C library's malloc, jemalloc and mimalloc, all
+// driven by the same workload code through one pair of function pointers.
+//
+// jemalloc and mimalloc both export `malloc` and would replace the C
+// library's if linked; they are loaded with dlopen(RTLD_LOCAL) instead and
+// called through the symbols of their own handles. jemalloc needs more static
+// TLS than glibc keeps for late loads, so the program starts itself again with
+// a larger reserve (GLIBC_TUNABLES) when the first load fails.
+//
+// At the end a table gives operations per second for each allocator and the
+// ratio of ours to each peer (above 1: ours is faster).
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <qzbase/QzMempool.h>
+
+namespace {
+
+struct Allocator {
+  const char* name;
+  void* (*alloc)(size_t);
+  void (*release)(void*);
+};
+
+void* QzAlloc(size_t n) { return Qz_MempoolAlloc(nullptr, n); }
+void QzFree(void* p) { Qz_MempoolFree(nullptr, p); }
+void* LibcAlloc(size_t n) { return malloc(n); }
+void LibcFree(void* p) { free(p); }
+
+std::vector<Allocator> g_allocators;
+
+void LoadPeers(char** argv) {
+  g_allocators.push_back({"qzbase", QzAlloc, QzFree});
+  g_allocators.push_back({"libc", LibcAlloc, LibcFree});
+  void* je = dlopen("libjemalloc.so.2", RTLD_NOW | RTLD_LOCAL);
+  if (je == nullptr && getenv("QZ_BENCH_REEXEC") == nullptr) {
+    setenv("GLIBC_TUNABLES", "glibc.rtld.optional_static_tls=65536", 1);
+    setenv("QZ_BENCH_REEXEC", "1", 1);
+    execv("/proc/self/exe", argv);
+  }
+  if (je != nullptr) {
+    auto a = reinterpret_cast<void* (*)(size_t)>(dlsym(je, "malloc"));
+    auto f = reinterpret_cast<void (*)(void*)>(dlsym(je, "free"));
+    if (a && f) g_allocators.push_back({"jemalloc", a, f});
+  } else {
+    fprintf(stderr, "jemalloc not loaded: %s\n", dlerror());
+  }
+  void* mi = dlopen("libmimalloc.so.2", RTLD_NOW | RTLD_LOCAL);
+  if (mi != nullptr) {
+    auto a = reinterpret_cast<void* (*)(size_t)>(dlsym(mi, "mi_malloc"));
+    auto f = reinterpret_cast<void (*)(void*)>(dlsym(mi, "mi_free"));
+    if (a && f) g_allocators.push_back({"mimalloc", a, f});
+  } else {
+    fprintf(stderr, "mimalloc not loaded: %s\n", dlerror());
+  }
+}
+
+std::vector<size_t> SmallSizes(size_t n) {
+  std::mt19937 rng(12345);
+  std::vector<size_t> sizes(n);
+  for (auto& s : sizes) s = 16 + rng() % (512 - 16 + 1);
+  return sizes;
+}
+
+inline void Touch(void* p) { *static_cast<volatile char*>(p) = 1; }
+
+// Allocates a batch of random small blocks, then frees them newest first.
+void ChurnLifo(benchmark::State& state, const Allocator* a) {
+  const std::vector<size_t> sizes = SmallSizes(4096);
+  std::vector<void*> live(256);
+  size_t k = 0;
+  for (auto _ : state) {
+    for (auto& p : live) {
+      p = a->alloc(sizes[k++ & 4095]);
+      Touch(p);
+    }
+    for (size_t i = live.size(); i-- > 0;) a->release(live[i]);
+  }
+  state.SetItemsProcessed(state.iterations() * live.size());
+}
+
+// A ring of live blocks: each step frees the oldest and allocates anew.
+void ChurnFifo(benchmark::State& state, const Allocator* a) {
+  const std::vector<size_t> sizes = SmallSizes(4096);
+  std::vector<void*> ring(1024);
+  for (size_t i = 0; i < ring.size(); ++i) ring[i] = a->alloc(sizes[i]);
+  size_t k = 0;
+  for (auto _ : state) {
+    for (size_t i = 0; i < 256; ++i) {
+      void*& slot = ring[k & 1023];
+      a->release(slot);
+      slot = a->alloc(sizes[k++ & 4095]);
+      Touch(slot);
+    }
+  }
+  for (void* p : ring) a->release(p);
+  state.SetItemsProcessed(state.iterations() * 256);
+}
+
+// The same size allocated and freed at once: the cache's best case.
+void CacheHitPair(benchmark::State& state, const Allocator* a) {
+  for (auto _ : state) {
+    for (int i = 0; i < 256; ++i) {
+      void* p = a->alloc(64);
+      benchmark::DoNotOptimize(p);
+      a->release(p);
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * 256);
+}
+
+// One thread allocates, the other frees, through a single-producer ring.
+void ProducerConsumer(benchmark::State& state, const Allocator* a) {
+  constexpr size_t kRing = 4096;
+  const std::vector<size_t> sizes = SmallSizes(4096);
+  std::vector<std::atomic<void*>> ring(kRing);
+  for (auto& r : ring) r.store(nullptr);
+  std::atomic<bool> stop{false};
+  std::thread consumer([&] {
+    size_t tail = 0;
+    for (;;) {
+      void* p = ring[tail & (kRing - 1)].exchange(nullptr, std::memory_order_acquire);
+      if (p == nullptr) {
+        if (stop.load(std::memory_order_acquire)) {
+          if (ring[tail & (kRing - 1)].load(std::memory_order_acquire) == nullptr) break;
+          continue;
+        }
+        std::this_thread::yield();
+        continue;
+      }
+      a->release(p);
+      ++tail;
+    }
+  });
+  size_t head = 0;
+  for (auto _ : state) {
+    for (int i = 0; i < 256; ++i) {
+      void* p = a->alloc(sizes[head & 4095]);
+      Touch(p);
+      std::atomic<void*>& slot = ring[head & (kRing - 1)];
+      while (slot.load(std::memory_order_acquire) != nullptr) std::this_thread::yield();
+      slot.store(p, std::memory_order_release);
+      ++head;
+    }
+  }
+  stop.store(true, std::memory_order_release);
+  consumer.join();
+  state.SetItemsProcessed(state.iterations() * 256);
+}
+
+// Blocks from 192 KiB to 320 KiB, across the default direct-mapping
+// threshold of 256 KiB, four alive at a time, each written once per page.
+void LargeBlocks(benchmark::State& state, const Allocator* a) {
+  std::mt19937 rng(7);
+  std::vector<size_t> sizes(64);
+  for (auto& s : sizes) s = (192 << 10) + rng() % (128 << 10);
+  void* live[4] = {};
+  size_t k = 0;
+  for (auto _ : state) {
+    void*& slot = live[k & 3];
+    if (slot) a->release(slot);
+    const size_t n = sizes[k++ & 63];
+    slot = a->alloc(n);
+    for (size_t off = 0; off < n; off += 4096) static_cast<char*>(slot)[off] = 1;
+  }
+  for (void*& p : live)
+    if (p) a->release(p);
+  state.SetItemsProcessed(state.iterations());
+}
+
+// Collects items per second per benchmark name while the console prints.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& r : runs) {
+      auto it = r.counters.find("items_per_second");
+      if (it != r.counters.end()) rates[r.benchmark_name()] = it->second.value;
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+  std::map<std::string, double> rates;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  LoadPeers(argv);
+  const struct {
+    const char* name;
+    void (*fn)(benchmark::State&, const Allocator*);
+    bool threaded;
+  } workloads[] = {
+      {"churn_lifo", ChurnLifo, false},          {"churn_fifo", ChurnFifo, false},
+      {"cache_hit_pair", CacheHitPair, false},   {"producer_consumer", ProducerConsumer, true},
+      {"large_blocks", LargeBlocks, false},
+  };
+  for (const auto& w : workloads)
+    for (const Allocator& a : g_allocators) {
+      auto* b = benchmark::RegisterBenchmark((std::string(w.name) + "/" + a.name).c_str(), w.fn, &a);
+      if (w.threaded) b->UseRealTime();
+    }
+  benchmark::Initialize(&argc, argv);
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+
+  printf("\n%-20s", "workload");
+  for (const Allocator& a : g_allocators) printf(" %14s", a.name);
+  printf("   ratios qzbase/peer\n");
+  for (const auto& w : workloads) {
+    auto ours = reporter.rates.find(std::string(w.name) + "/qzbase");
+    if (ours == reporter.rates.end()) continue;
+    printf("%-20s", w.name);
+    for (const Allocator& a : g_allocators) {
+      auto it = reporter.rates.find(std::string(w.name) + "/" + a.name);
+      printf(" %12.3gM/s", it == reporter.rates.end() ? 0.0 : it->second / 1e6);
+    }
+    printf("  ");
+    for (const Allocator& a : g_allocators) {
+      if (strcmp(a.name, "qzbase") == 0) continue;
+      auto it = reporter.rates.find(std::string(w.name) + "/" + a.name);
+      if (it != reporter.rates.end() && it->second > 0) printf(" %s %.2f", a.name, ours->second / it->second);
+    }
+    printf("\n");
+  }
+  return 0;
+}
