@@ -35,7 +35,7 @@ TEST_F(PoolFailure, VirtualAllocFailingGivesZeroAndThePoolGoesOn) {
   {
     FaultScope fault(qzsys::QZ_FAULT_VIRTUAL_ALLOC);
     EXPECT_EQ(Qz_MempoolAlloc(pool, 4 << 20), nullptr);
-    EXPECT_EQ(Qz_MempoolAlloc(pool, 300 << 10), nullptr);  // would be mapped directly
+    EXPECT_EQ(Qz_MempoolAlloc(pool, 1536 << 10), nullptr);  // would be mapped directly
     EXPECT_EQ(Qz_MempoolCalloc(pool, 4, 1 << 20), nullptr);
     EXPECT_EQ(Qz_MempoolAlignedAlloc(pool, 4096, 4 << 20), nullptr);
     EXPECT_EQ(Qz_MempoolRealloc(pool, keep, 4 << 20), nullptr);
