@@ -10,9 +10,10 @@
 // Unload (detach): the load entry, reason 0, closes the log (QZ_DISABLE_LOG);
 // then the at-exit list runs backwards (wide empty string, then narrow).
 //
-// On Linux, prioritised shared-library constructors run the two static
-// initialisers and the load entry, in that order, before any other static
-// initialiser of the library. Detach is an at-exit entry that the last of
+// On Linux, prioritised shared-library constructors (priorities 201, 202 and
+// 203) run the two static initialisers and the load entry, in that order,
+// before any other static initialiser of the library. Families define the
+// weak steps below rather than constructors of their own at those priorities. Detach is an at-exit entry that the last of
 // those constructors registers: registered after the empty strings' entries,
 // it runs before them, as the order above wants. A destructor runs detach
 // instead if that registration failed.
