@@ -53,14 +53,26 @@ QZ_API int (*Qz_Truncate)(double) = nullptr;
 namespace {
 
 #if QZ_X86
-// long double is the x87 register format on both widths, so a long double
-// operand with the "t" constraint is exactly "the value on top of the stack".
-inline long double X87Cos(long double v) { __asm__("fcos" : "+t"(v)); return v; }
-inline long double X87Sin(long double v) { __asm__("fsin" : "+t"(v)); return v; }
+// The operand keeps the caller's type: it is loaded into the x87 unit as it
+// is, and on i386 the result goes back on top of the x87 stack, where the
+// calling convention returns it, without being narrowed on the way. (x86-64
+// returns in an SSE register, which takes the declared precision.)
+template <typename T> inline T X87Cos(T v) { __asm__("fcos" : "+t"(v)); return v; }
+template <typename T> inline T X87Sin(T v) { __asm__("fsin" : "+t"(v)); return v; }
 // fptan pushes a 1.0 above the tangent; drop it.
-inline long double X87Tan(long double v) { __asm__("fptan\n\tfstp %%st(0)" : "+t"(v)); return v; }
-inline long double X87Sqrt(long double v) { __asm__("fsqrt" : "+t"(v)); return v; }
-inline int X87Store(long double v) {
+template <typename T> inline T X87Tan(T v) { __asm__("fptan\n\tfstp %%st(0)" : "+t"(v)); return v; }
+template <typename T> inline T X87Sqrt(T v) { __asm__("fsqrt" : "+t"(v)); return v; }
+// A true division of 1.0 by the root, in the same unit: st = 1 / st(1), then
+// the root is dropped from under it.
+template <typename T> inline T X87RSqrt(T v) {
+  __asm__("fsqrt\n\t"
+          "fld1\n\t"
+          "fdiv %%st(1), %%st\n\t"
+          "fstp %%st(1)"
+          : "+t"(v));
+  return v;
+}
+template <typename T> inline int X87Store(T v) {
   int r;
   __asm__("fistpl %0" : "=m"(r) : "t"(v) : "st");
   return r;
@@ -68,7 +80,7 @@ inline int X87Store(long double v) {
 // Integer store in the current mode, then the difference to the argument,
 // worked out in the x87 unit and stored as a float, says which way the store
 // rounded. The control word is never touched.
-inline int X87Truncate(long double v, bool negative) {
+template <typename T> inline int X87Truncate(T v, bool negative) {
   int r;
   float d;
   __asm__("fistl %0\n\t"
@@ -84,15 +96,16 @@ inline int X87Truncate(long double v, bool negative) {
 }
 #else
 // No x87 unit: the nearest portable meaning of each instruction.
-inline long double X87Cos(long double v) { return cosl(v); }
-inline long double X87Sin(long double v) { return sinl(v); }
-inline long double X87Tan(long double v) { return tanl(v); }
-inline long double X87Sqrt(long double v) { return sqrtl(v); }
-inline int X87Store(long double v) {
+template <typename T> inline T X87Cos(T v) { return static_cast<T>(cosl(v)); }
+template <typename T> inline T X87Sin(T v) { return static_cast<T>(sinl(v)); }
+template <typename T> inline T X87Tan(T v) { return static_cast<T>(tanl(v)); }
+template <typename T> inline T X87Sqrt(T v) { return static_cast<T>(sqrtl(v)); }
+template <typename T> inline T X87RSqrt(T v) { return static_cast<T>(1.0L / sqrtl(v)); }
+template <typename T> inline int X87Store(T v) {
   if (!(v > -2147483649.0L && v < 2147483648.0L)) return INT32_MIN;
   return static_cast<int>(nearbyintl(v));
 }
-inline int X87Truncate(long double v, bool) {
+template <typename T> inline int X87Truncate(T v, bool) {
   if (!(v > -2147483649.0L && v < 2147483648.0L)) return INT32_MIN;
   return static_cast<int>(v);
 }
@@ -100,19 +113,18 @@ inline int X87Truncate(long double v, bool) {
 
 }  // namespace
 
-float QzX87CosF(float x) { return static_cast<float>(X87Cos(x)); }
-double QzX87Cos(double x) { return static_cast<double>(X87Cos(x)); }
-float QzX87SinF(float x) { return static_cast<float>(X87Sin(x)); }
-double QzX87Sin(double x) { return static_cast<double>(X87Sin(x)); }
-float QzX87TanF(float x) { return static_cast<float>(X87Tan(x)); }
-double QzX87Tan(double x) { return static_cast<double>(X87Tan(x)); }
+float QzX87CosF(float x) { return X87Cos(x); }
+double QzX87Cos(double x) { return X87Cos(x); }
+float QzX87SinF(float x) { return X87Sin(x); }
+double QzX87Sin(double x) { return X87Sin(x); }
+float QzX87TanF(float x) { return X87Tan(x); }
+double QzX87Tan(double x) { return X87Tan(x); }
 int QzX87RoundF(float x) { return X87Store(x); }
 int QzX87Round(double x) { return X87Store(x); }
-float QzX87SqrtF(float x) { return static_cast<float>(X87Sqrt(x)); }
-double QzX87Sqrt(double x) { return static_cast<double>(X87Sqrt(x)); }
-// The division runs in the x87 unit too: long double arithmetic is x87 on both widths.
-float QzX87RSqrtF(float x) { return static_cast<float>(1.0L / X87Sqrt(x)); }
-double QzX87RSqrt(double x) { return static_cast<double>(1.0L / X87Sqrt(x)); }
+float QzX87SqrtF(float x) { return X87Sqrt(x); }
+double QzX87Sqrt(double x) { return X87Sqrt(x); }
+float QzX87RSqrtF(float x) { return X87RSqrt(x); }
+double QzX87RSqrt(double x) { return X87RSqrt(x); }
 int QzX87TruncateF(float x) { return X87Truncate(x, signbit(x) != 0); }
 int QzX87Truncate(double x) { return X87Truncate(x, signbit(static_cast<float>(x)) != 0); }
 
