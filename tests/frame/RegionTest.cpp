@@ -120,6 +120,26 @@ TEST(FrameRegion, ThreadsProbeAtOnceWithoutMixingTheirAnswers) {
   EXPECT_EQ(wrong.load(), 0);
 }
 
+TEST(FrameRegion, ProbesWorkWhileFaultSignalsAreBlockedAndKeepTheMask) {
+  Pages pages;
+  pages.Protect(0, Pages::kNone);
+  sigset_t block, before, after;
+  sigemptyset(&block);
+  sigaddset(&block, SIGSEGV);
+  sigaddset(&block, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &block, &before);
+  EXPECT_EQ(Qz_IsValidReadRegion(pages.page(0), 1), 0);
+  EXPECT_EQ(Qz_IsValidReadRegion(pages.page(1), 1), 1);
+  pthread_sigmask(SIG_SETMASK, &before, &after);
+  EXPECT_EQ(sigismember(&after, SIGSEGV), 1);
+  EXPECT_EQ(sigismember(&after, SIGUSR1), 1);
+  EXPECT_EQ(sigismember(&after, SIGBUS), sigismember(&before, SIGBUS));
+  // And with nothing blocked, nothing stays blocked after a fault.
+  EXPECT_EQ(Qz_IsValidWriteRegion(pages.page(0), 1), 0);
+  pthread_sigmask(SIG_SETMASK, nullptr, &after);
+  EXPECT_EQ(sigismember(&after, SIGSEGV), sigismember(&before, SIGSEGV));
+}
+
 // ---- The guard passes other signals on ------------------------------------------------
 // These run in a child process of their own (the thread-safe death test style
 // starts the program afresh), so the host handler is in place before the
@@ -135,6 +155,16 @@ TEST(FrameRegion, ThreadsProbeAtOnceWithoutMixingTheirAnswers) {
 
 void HostInfoHandler(int sig, siginfo_t* info, void*) { _exit(info->si_code > 0 ? 40 + sig : 80 + sig); }
 void HostPlainHandler(int sig) { _exit(60 + sig); }
+
+// A crash handler that looks at memory: it runs inside the guard's handler,
+// with the fault signal blocked, and its own probe must still come back.
+void HostProbingHandler(int, siginfo_t*, void*) {
+  Pages pages;
+  pages.Protect(0, Pages::kNone);
+  int bad = Qz_IsValidReadRegion(pages.page(0), 1);
+  int good = Qz_IsValidReadRegion(pages.page(1), 1);
+  _exit(bad == 0 && good == 1 ? 50 : 51);
+}
 
 void InstallHost(int sig, bool withInfo) {
   struct sigaction sa;
@@ -175,6 +205,22 @@ TEST_F(FrameGuardDeathTest, HostInfoHandlerSeesFaultsOutsideProbes) {
         _exit(1);
       },
       testing::ExitedWithCode(40 + SIGSEGV), "");
+}
+
+TEST_F(FrameGuardDeathTest, HostHandlerMayProbeWhileHandlingAFault) {
+  EXPECT_EXIT(
+      {
+        struct sigaction sa;
+        memset(&sa, 0, sizeof sa);
+        sigemptyset(&sa.sa_mask);
+        sa.sa_sigaction = &HostProbingHandler;
+        sa.sa_flags = SA_SIGINFO;
+        sigaction(SIGSEGV, &sa, nullptr);
+        ProbeBadPage();
+        FaultOutsideProbe();
+        _exit(1);
+      },
+      testing::ExitedWithCode(50), "");
 }
 
 TEST_F(FrameGuardDeathTest, HostPlainHandlerSeesSentSignals) {

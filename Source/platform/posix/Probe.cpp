@@ -84,14 +84,29 @@ void Install() {
 
 bool QzGuardedProbe(QzProbeFn probe, volatile void* address) {
   std::call_once(g_installOnce, &Install);
+  // A probe may run where the fault signals are blocked, in a host's own
+  // fault handler for one: a blocked fault would end the process, so they
+  // are let through for the probe's length. The same call tells the mask to
+  // put back, which the jump then need not save.
+  sigset_t faults, saved;
+  sigemptyset(&faults);
+  for (int sig : kSignals) sigaddset(&faults, sig);
+  pthread_sigmask(SIG_UNBLOCK, &faults, &saved);
+  bool restore = false;
+  for (int sig : kSignals) restore |= sigismember(&saved, sig) == 1;
+
   sigjmp_buf jump;
-  // Saving the mask lets the jump unblock the signal it leaves from.
-  if (sigsetjmp(jump, 1) != 0) return false;
+  if (sigsetjmp(jump, 0) != 0) {
+    // The kernel blocked the signal for the handler we jumped out of.
+    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    return false;
+  }
   t_probeJump = &jump;
   std::atomic_signal_fence(std::memory_order_seq_cst);
   probe(address);
   std::atomic_signal_fence(std::memory_order_seq_cst);
   t_probeJump = nullptr;
+  if (restore) pthread_sigmask(SIG_SETMASK, &saved, nullptr);
   return true;
 }
 
