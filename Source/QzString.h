@@ -38,13 +38,19 @@ struct QzStringAccess {
   static QzStringT<T>& Derived(QzStringBaseT<T>& s) { return static_cast<QzStringT<T>&>(s); }
   template <typename T>
   static const QzStringT<T>& Empty() { return QzStringBaseT<T>::empty; }
-  template <typename T>
-  static void SetInternal(QzStringBaseT<T>& s, const T* text, unsigned int count) {
+  // The private building blocks, text of either width.
+  template <typename T, typename C>
+  static void SetInternal(QzStringBaseT<T>& s, const C* text, unsigned int count) {
     s.SetInternal(text, count);
   }
-  template <typename T>
-  static void AppendInternal(QzStringBaseT<T>& s, const T* text, unsigned int count) {
+  template <typename T, typename C>
+  static void AppendInternal(QzStringBaseT<T>& s, const C* text, unsigned int count) {
     s.AppendInternal(text, count);
+  }
+  template <typename T, typename A, typename B>
+  static void Concatenate(QzStringBaseT<T>& result, const A* first, unsigned int firstCount,
+                          const B* second, unsigned int secondCount) {
+    QzStringBaseT<T>::Concatenate(result, first, firstCount, second, secondCount);
   }
 };
 
@@ -70,14 +76,16 @@ inline size_t BlockBytes(uint32_t n) {
 // empty string of either width.
 struct QzEmptyStringRecord {
   QzInternalStringData header;
-  unsigned short chars[2];
+  union {
+    unsigned short wide[2];
+    char narrow[4];
+  } chars;
 };
 extern QzEmptyStringRecord g_emptyRecord;
 
-template <typename T>
-inline T* EmptyChars() {
-  return reinterpret_cast<T*>(g_emptyRecord.chars);
-}
+template <typename T> inline T* EmptyChars();
+template <> inline char* EmptyChars<char>() { return g_emptyRecord.chars.narrow; }
+template <> inline unsigned short* EmptyChars<unsigned short>() { return g_emptyRecord.chars.wide; }
 
 // ---- Counts -----------------------------------------------------------------------
 inline void Retain(const void* chars) {
@@ -87,9 +95,12 @@ inline void Release(const void* chars) {
   QzInternalStringData* h = Header(chars);
   if (__atomic_sub_fetch(&h->refCount, 1, __ATOMIC_SEQ_CST) == 0) Qz_MempoolFree(0, h);
 }
-// A plain read: only the object's own thread may change whether it is shared
-// from 1 upwards, and no other owner can bring a count of 1 down.
-inline bool IsSoleOwner(const void* chars) { return Header(chars)->refCount <= 1; }
+// The sole-owner test. Only the object's own thread can raise a count of 1,
+// so a single load decides; acquire so that the other owners' last reads of a
+// block that has just become ours happen before our writes to it.
+inline bool IsSoleOwner(const void* chars) {
+  return __atomic_load_n(&Header(chars)->refCount, __ATOMIC_ACQUIRE) <= 1;
+}
 
 // ---- Failure ------------------------------------------------------------------------
 [[noreturn]] void ThrowOutOfMemory();

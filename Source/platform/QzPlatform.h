@@ -30,6 +30,7 @@
 #include "platform/QzPlatformRegistry.h"
 #include "platform/QzPlatformMemory.h"
 #include "platform/QzPlatformTls.h"
+#include "platform/QzPlatformMessage.h"
 // QZ_PLATFORM_AREAS_END
 
 #endif  // QZBASE_PLATFORM_QZPLATFORM_H

@@ -26,6 +26,7 @@ enum QzFault : unsigned {
   QZ_FAULT_CREATE_THREAD,    // thread creation fails
   QZ_FAULT_MAP_VIEW,         // MapViewOfFileEx fails
   QZ_FAULT_CRITICAL_SECTION, // critical section creation runs out of memory
+  QZ_FAULT_FORMAT_MESSAGE,   // FormatMessage cannot allocate its buffer
   QZ_FAULT_COUNT
 };
 
