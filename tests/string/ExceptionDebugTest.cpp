@@ -1,0 +1,216 @@
+// Result codes, QzException, the text of a code, and the two debug calls.
+#include <stdlib.h>
+
+#include <qzbase/QzDebug.h>
+
+#include "QzException.h"
+#include "StringTestUtil.h"
+
+using namespace strtest;
+
+namespace {
+
+const char kNoMemory[] = "Not enough memory resources are available to complete this operation.";
+
+// Answers message boxes and remembers what they showed.
+struct BoxAnswer {
+  int answer;
+  std::string text, caption;
+  unsigned type = 0;
+  int calls = 0;
+  explicit BoxAnswer(int a) : answer(a) { qzsys::QzSetMessageBoxHook(&Hook, this); }
+  ~BoxAnswer() { qzsys::QzSetMessageBoxHook(nullptr, nullptr); }
+  static int Hook(void* self, const char* text, const char* caption, unsigned type) {
+    BoxAnswer* me = static_cast<BoxAnswer*>(self);
+    me->text = text;
+    me->caption = caption;
+    me->type = type;
+    ++me->calls;
+    return me->answer;
+  }
+};
+
+std::string Narrow(const QzStringT<unsigned short>& w) {
+  std::string r;
+  for (unsigned i = 0; i < w.length(); ++i) r.push_back(static_cast<char>(w.c_str()[i]));
+  return r;
+}
+
+}  // namespace
+
+// ---- From system error to result code ------------------------------------------------------------
+
+TEST(ResultCodes, SystemErrorsMapAndNothingLooksLikeSuccess) {
+  EXPECT_EQ(QzHresultFromWin32Error(5), static_cast<HRESULT>(0x80070005u));
+  EXPECT_EQ(QzHresultFromWin32Error(0x12345), static_cast<HRESULT>(0x80072345u));
+  EXPECT_EQ(QzHresultFromWin32Error(0x8007000Eu), static_cast<HRESULT>(0x8007000Eu));
+  EXPECT_EQ(QzHresultFromWin32Error(0), static_cast<HRESULT>(0x8000FFFFu));
+  qzsys::SetLastError(0);
+  EXPECT_EQ(QzHresultFromLastError(), static_cast<HRESULT>(0x8000FFFFu));
+  qzsys::SetLastError(qzsys::ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(QzHresultFromLastError(), static_cast<HRESULT>(0x80070002u));
+}
+
+// ---- The text of a code ------------------------------------------------------------------------------
+
+TEST(GetWin32Error, TextWithoutItsLineEndInBothWidths) {
+  QzStringT<char> ok = QzStringT<char>::GetWin32Error(0);
+  EXPECT_STREQ(ok.c_str(), "The operation completed successfully.");
+  EXPECT_EQ(Narrow(QzStringT<unsigned short>::GetWin32Error(0)), "The operation completed successfully.");
+  EXPECT_STREQ(QzStringT<char>::GetWin32Error(static_cast<HRESULT>(0x8007000Eu)).c_str(), kNoMemory);
+  EXPECT_STREQ(QzStringT<char>::GetWin32Error(14).c_str(), kNoMemory);
+  for (HRESULT code : {qzsys::E_NOTIMPL, qzsys::E_POINTER, qzsys::E_FAIL, qzsys::E_UNEXPECTED,
+                       qzsys::DISP_E_BUFFERTOOSMALL, qzsys::CO_E_NOTINITIALIZED, qzsys::E_INVALIDARG,
+                       qzsys::HRESULT_TIMEOUT}) {
+    QzStringT<char> text = QzStringT<char>::GetWin32Error(code);
+    EXPECT_GT(text.length(), 5u) << std::hex << code;
+    EXPECT_EQ(text.c_str()[text.length() - 1], '.') << std::hex << code;
+    EXPECT_EQ(Narrow(QzStringT<unsigned short>::GetWin32Error(code)), std::string(text.c_str()));
+  }
+}
+
+TEST(GetWin32Error, CodeWithoutTextGivesTheEmptyString) {
+  EXPECT_TRUE(OnEmptyRecord(QzStringT<char>::GetWin32Error(0x12345678)));
+  EXPECT_TRUE(OnEmptyRecord(QzStringT<unsigned short>::GetWin32Error(static_cast<HRESULT>(0x8007FFFFu))));
+  qztest::FaultScope noBuffer(qzsys::QZ_FAULT_FORMAT_MESSAGE);
+  EXPECT_TRUE(OnEmptyRecord(QzStringT<char>::GetWin32Error(0)));
+}
+
+TEST(GetWin32Error, OutOfMemoryThrowsAndGivesTheBufferBack) {
+  FailNextAlloc f;
+  EXPECT_OUT_OF_MEMORY(QzStringT<char>::GetWin32Error(5));
+}
+
+TEST(FormatMessage, SystemLineEndAndTheBufferPointerLeftAloneWhenThereIsNoText) {
+  char* buffer = nullptr;
+  DWORD n = qzsys::FormatMessageA(0x1100, nullptr, 0, 0x400, reinterpret_cast<char*>(&buffer), 0, nullptr);
+  ASSERT_NE(buffer, nullptr);
+  EXPECT_EQ(std::string(buffer), "The operation completed successfully.\r\n");
+  EXPECT_EQ(n, strlen(buffer));
+  qzsys::LocalFree(buffer);
+  buffer = nullptr;
+  EXPECT_EQ(qzsys::FormatMessageA(0x1100, nullptr, 0xDEAD, 0x400, reinterpret_cast<char*>(&buffer), 0, nullptr), 0u);
+  EXPECT_EQ(buffer, nullptr);
+  EXPECT_EQ(qzsys::GetLastError(), qzsys::ERROR_MR_MID_NOT_FOUND);
+  char small[8];
+  EXPECT_EQ(qzsys::FormatMessageA(0x1000, nullptr, 0, 0x400, small, sizeof small, nullptr), 0u);
+  EXPECT_EQ(qzsys::GetLastError(), qzsys::ERROR_INSUFFICIENT_BUFFER);
+  unsigned short wide[128];
+  n = qzsys::FormatMessageW(0x1000, nullptr, 0x80070057u, 0x400, wide, 128, nullptr);
+  ASSERT_GT(n, 2u);
+  EXPECT_EQ(wide[n - 2], '\r');
+  EXPECT_EQ(wide[n - 1], '\n');
+  EXPECT_EQ(wide[n], 0);
+}
+
+// ---- QzException ---------------------------------------------------------------------------------------
+
+TEST(Exception, ThrownByValueCaughtAsEitherClass) {
+  try {
+    throw QzException(static_cast<HRESULT>(0x8007000Eu));
+  } catch (const QzBase&) {
+    SUCCEED();  // destroyed through the base: text included (sanitizer builds check)
+  }
+  try {
+    throw QzException(static_cast<HRESULT>(0x8007000Eu));
+  } catch (const QzException& e) {
+    EXPECT_STREQ(e.GetText(), kNoMemory);
+  }
+}
+
+TEST(Exception, CodeWithoutTextHasAnEmptyTextNeverNull) {
+  QzException e(0x12345678);
+  ASSERT_NE(e.GetText(), nullptr);
+  EXPECT_STREQ(e.GetText(), "");
+}
+
+TEST(Exception, CopiesShareTheText) {
+  QzException a(0);
+  QzException b(a);
+  EXPECT_EQ(a.GetText(), b.GetText());
+  EXPECT_EQ(qzstr::Header(a.GetText())->refCount, 2);
+  QzException c(0x12345678);
+  c = a;
+  EXPECT_EQ(c.GetText(), a.GetText());
+  EXPECT_EQ(qzstr::Header(a.GetText())->refCount, 3);
+  const QzBase& base = c;
+  EXPECT_EQ(static_cast<const QzException&>(base).GetText(), a.GetText());
+}
+
+// ---- Qz_DebugAssert ------------------------------------------------------------------------------------
+
+TEST(DebugAssert, DialogTextAndAnswers) {
+  char program[260];
+  ASSERT_GT(qzsys::GetModuleFileNameA(nullptr, program, sizeof program), 0u);
+  qztest::DebugCapture debug;
+  {
+    BoxAnswer retry(qzsys::IDRETRY);
+    EXPECT_EQ(Qz_DebugAssert("file.cpp", 42, "x > 0", nullptr), 1);
+    EXPECT_EQ(retry.calls, 1);
+    EXPECT_EQ(retry.caption, "Debug Message");
+    EXPECT_EQ(retry.type, 0x11012u);
+    EXPECT_EQ(retry.text, std::string("Assert Failure!\n\nProgram: ") + program +
+                              "\nFile: file.cpp\nLine: 42\nExpression: x > 0\n\n"
+                              "Press Retry to debug the application!");
+  }
+  {
+    BoxAnswer ignore(qzsys::IDIGNORE);
+    EXPECT_EQ(Qz_DebugAssert("f", 1, "e", ""), 0);
+    EXPECT_EQ(ignore.calls, 1);
+  }
+  { BoxAnswer cancel(qzsys::IDCANCEL); EXPECT_EQ(Qz_DebugAssert("f", 1, "e", nullptr), 0); }
+  EXPECT_TRUE(debug.texts().empty());  // null and empty messages write nothing
+}
+
+TEST(DebugAssert, MessageGoesToDebugOutputWithOneLineFeed) {
+  qztest::DebugCapture debug;
+  BoxAnswer ignore(qzsys::IDIGNORE);
+  Qz_DebugAssert("f", 1, "e", "abc");
+  Qz_DebugAssert("f", 1, "e", "def\n");
+  std::string long_(300, 'x');
+  Qz_DebugAssert("f", 1, "e", long_.c_str());
+  EXPECT_EQ(debug.joined(), "abc\ndef\n" + long_ + "\n");
+  EXPECT_EQ(ignore.calls, 3);
+}
+
+TEST(DebugAssert, LongPartsAreNotCut) {
+  BoxAnswer ignore(qzsys::IDIGNORE);
+  std::string expression(3000, 'e');
+  Qz_DebugAssert("f", 7, expression.c_str(), nullptr);
+  EXPECT_NE(ignore.text.find("Expression: " + expression + "\n\n"), std::string::npos);
+}
+
+TEST(DebugAssertDeathTest, AbortEndsTheProcessWithCode3) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  BoxAnswer abort(qzsys::IDABORT);
+  EXPECT_EXIT(Qz_DebugAssert("f", 1, "e", nullptr), ::testing::ExitedWithCode(3), "");
+}
+
+TEST(DebugAssert, EnvironmentAnswersWhenNoHookIsSet) {
+  setenv("QZ_ASSERT_ANSWER", "Retry", 1);
+  EXPECT_EQ(Qz_DebugAssert("f", 1, "e", nullptr), 1);
+  setenv("QZ_ASSERT_ANSWER", "ignore", 1);
+  EXPECT_EQ(Qz_DebugAssert("f", 1, "e", nullptr), 0);
+  unsetenv("QZ_ASSERT_ANSWER");
+}
+
+// ---- Qz_DebugTrace ---------------------------------------------------------------------------------------
+
+TEST(DebugTrace, OneLineFeedAtTheEnd) {
+  qztest::DebugCapture debug;
+  Qz_DebugTrace("x=%d %s", 5, "five");
+  Qz_DebugTrace("line\n");
+  Qz_DebugTrace("");
+  std::vector<std::string> texts = debug.texts();
+  ASSERT_EQ(texts.size(), 3u);
+  EXPECT_EQ(texts[0], "x=5 five\n");
+  EXPECT_EQ(texts[1], "line\n");
+  EXPECT_EQ(texts[2], "\n");
+}
+
+TEST(DebugTrace, NoMemoryWritesNothing) {
+  qztest::DebugCapture debug;
+  qztest::FaultScope none(qzsys::QZ_FAULT_POOL_ALLOC);
+  Qz_DebugTrace("lost %d", 1);
+  EXPECT_TRUE(debug.texts().empty());
+}
