@@ -6,11 +6,6 @@ using namespace strtest;
 
 namespace {
 
-struct CodePage {
-  explicit CodePage(unsigned cp) { EXPECT_TRUE(qzsys::QzSetActiveCodePage(cp)); }
-  ~CodePage() { qzsys::QzSetActiveCodePage(65001); }
-};
-
 typedef QzStringT<char> A;
 typedef QzStringT<unsigned short> W;
 
@@ -112,7 +107,7 @@ TEST(SetInternalMixed, SoleOwnerConvertsInPlaceOrGrowsItsBlock) {
 
 TEST(SetInternalMixed, FailedConversionLeavesLengthZero) {
   W w = Make<unsigned short>("text");
-  qztest::FaultScope noConverter(qzsys::QZ_FAULT_CONVERTER);
+  NoConverter noConverter;
   w = "abc";
   EXPECT_EQ(w.length(), 0u);
   EXPECT_FALSE(OnEmptyRecord(w));
@@ -200,7 +195,7 @@ TEST(AppendMixed, ConvertsBehindTheTextAndKeepsItWhenConversionFails) {
   w += "\xE2\x82\xAC";
   const unsigned short xe[] = {'x', 0x20AC};
   EXPECT_EQ(Text(w), Model<unsigned short>(xe, 2));
-  qztest::FaultScope noConverter(qzsys::QZ_FAULT_CONVERTER);
+  NoConverter noConverter;
   s += e;
   EXPECT_EQ(Text(s), std::string("caf\xC3\xA9!"));
 }
@@ -263,7 +258,7 @@ TEST(ConcatenateMixed, EitherSideMayBeTheOtherWidth) {
   W w = Make<unsigned short>("x");
   const unsigned short xe[] = {'x', 0x20AC};
   EXPECT_EQ(Text(w + "\xE2\x82\xAC"), Model<unsigned short>(xe, 2));
-  qztest::FaultScope noConverter(qzsys::QZ_FAULT_CONVERTER);
+  NoConverter noConverter;
   EXPECT_EQ(Text(a + e), std::string("caf"));
 }
 
@@ -330,7 +325,7 @@ TEST(InsertMixed, ConvertsIntoTheGap) {
   EXPECT_EQ(w.c_str(), block);
   const unsigned short expect[] = {'a', 0x20AC, 'b'};
   EXPECT_EQ(Text(w), Model<unsigned short>(expect, 3));
-  qztest::FaultScope noConverter(qzsys::QZ_FAULT_CONVERTER);
+  NoConverter noConverter;
   EXPECT_EQ(w.insert(1, "x", 1u), 3u);
   EXPECT_EQ(Text(w), Model<unsigned short>(expect, 3));
 }

@@ -7,11 +7,6 @@ using namespace strtest;
 
 namespace {
 
-struct CodePage {
-  explicit CodePage(unsigned cp) { EXPECT_TRUE(qzsys::QzSetActiveCodePage(cp)); }
-  ~CodePage() { qzsys::QzSetActiveCodePage(65001); }
-};
-
 typedef QzStringT<char> A;
 typedef QzStringT<unsigned short> W;
 
@@ -160,7 +155,7 @@ TEST(MixedText, DoubleByteCodePageLengthsAreInBytes) {
 }
 
 TEST(MixedText, ConversionThatCannotRunGivesAPrivateEmptyBlockAndNoException) {
-  qztest::FaultScope noConverter(qzsys::QZ_FAULT_CONVERTER);
+  NoConverter noConverter;
   W w("abc");
   EXPECT_EQ(w.length(), 0u);
   EXPECT_FALSE(OnEmptyRecord(w));

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include <qzbase/QzFrame.h>
+
 #include "QzString.h"
 #include "QzTestSupport.h"
 
@@ -71,6 +73,24 @@ QzStringT<T> Make(const char* ascii, size_t n = std::string::npos) {
 // build its text.
 struct FailNextAlloc : qztest::FaultScope {
   FailNextAlloc() : qztest::FaultScope(qzsys::QZ_FAULT_POOL_ALLOC, 0, 1) {}
+};
+
+// The conversion objects keep the code page they were made with, and the
+// converter can only fail to be made: both helpers drop the cached objects
+// (Qz_TerminateLibrary) so that the next conversion makes new ones.
+struct CodePage {
+  explicit CodePage(unsigned cp) {
+    Qz_TerminateLibrary();
+    EXPECT_TRUE(qzsys::QzSetActiveCodePage(cp));
+  }
+  ~CodePage() {
+    Qz_TerminateLibrary();
+    qzsys::QzSetActiveCodePage(65001);
+  }
+};
+struct NoConverter {
+  NoConverter() { Qz_TerminateLibrary(); qzsys::QzFaultArm(qzsys::QZ_FAULT_CONVERTER, 0, qzsys::QZ_FAULT_ALWAYS); }
+  ~NoConverter() { qzsys::QzFaultDisarm(qzsys::QZ_FAULT_CONVERTER); }
 };
 
 template <typename T>
