@@ -1,13 +1,49 @@
-// qzbase: the library's own formatted output engine, narrow and wide.
+// qzbase: the library's own formatted output, narrow (char) and wide
+// (unsigned short, UTF-16).
 //
-// The contract of all four calls: `count` is in units and includes the
-// terminator. `count` 0 measures: nothing is stored (the buffer may be null)
-// and the result is the full length. Otherwise at most `count - 1` units are
-// stored, a terminator always follows, and the result is the number of units
-// stored: a cut output gives `count - 1`. The result is never -1.
-// `format` must not be null.
+// Contract of all four calls. `count` is in units and includes the terminator.
+//  - `count` 0 measures: nothing is stored, not even a terminator, `buffer` is
+//    not touched and may be null, and the result is the length of the whole
+//    output in units, without a terminator.
+//  - Otherwise `buffer` must hold `count` units. At most `count - 1` units are
+//    stored and a terminator always follows the last one. If the output fits,
+//    the result is its length; if not, the buffer holds its first `count - 1`
+//    units and the result is `count - 1`. The result is never -1, and nothing
+//    is ever stored at or past `buffer + count`.
+//  - A result of `count - 1` therefore only says that the buffer is full. To
+//    get the whole text, measure first and format again with the measured
+//    length plus 1.
+//  - An output longer than INT_MAX units measures as INT_MAX.
+//  - A null `format` formats as an empty one: result 0.
 //
-// Threads: reentrant; any thread.
+// Formats are those of the classic Windows runtime, with these sizes: `h`
+// 16 bits, `l` and no size 32 bits, `I64` (or `q`) 64 bits. There is no `ll`
+// and no `L`: "%lld" prints "%ld" (the second `l` is not a conversion).
+// Conversions: d i u o x X p c C s S e E f g G n %. `%p` prints a whole
+// pointer in lower-case hexadecimal without leading zeros. In the narrow
+// calls `%S`, `%ls` take UTF-16 text and `%C`, `%lc` a UTF-16 unit, converted
+// to the active ANSI code page; the width of `%S` counts output bytes and its
+// precision source units. In the wide calls `%S`, `%hs` take narrow text of
+// the active code page; `%c` and `%C` take a UTF-16 unit. A conversion unit
+// with no meaning prints '%' and itself; a format that ends inside a
+// conversion prints nothing of it. `%n` stores the count so far (32 bits; 16
+// with `h`; 64 with `I64`); a null target is skipped, and a `%n` after the cut
+// stores nothing.
+//
+// Floating conversions are this library's own and deliberately not the C
+// library's: digits come from repeated multiplication in double precision,
+// rounded half up, at most 79 of them for `f` and 78 for the others; "%g" of
+// 0.5 is ".5", "%e" of 0.0 is "0.000000e-01", NaN is "nan" and either
+// infinity "inf". Magnitudes of 2^31 and more are scaled by powers of ten
+// first and keep about 15 correct significant digits; "%f" of a value with
+// more than 79 integer digits prints its first 79 digits and zeros up to the
+// point. See docs/FORMAT.md for every difference.
+//
+// Ownership: the caller owns `buffer`, `format` and every argument; nothing
+// is kept after the call. No heap memory is used.
+// Threads: reentrant; any number of threads may call at once.
+// Failures: there is no error result. Text of the other width that the code
+// page cannot convert gives no units.
 #ifndef QZBASE_QZFORMAT_H
 #define QZBASE_QZFORMAT_H
 
