@@ -1,0 +1,208 @@
+// The cached conversions against calling iconv directly, on 1 KiB texts, and
+// the ways a shared converter object could guard its iconv descriptor.
+#include <benchmark/benchmark.h>
+
+#include <qzbase/QzConvert.h>
+
+#include <iconv.h>
+#include <stdio.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace {
+
+// About 1 KiB of UTF-8 each: plain ASCII, and a mix of Latin, Cyrillic,
+// Greek, CJK and characters outside the BMP.
+const std::string& Utf8Text(bool mixed) {
+  static const std::string ascii = [] {
+    std::string s;
+    while (s.size() < 1024) s += "The quick brown fox jumps over the lazy dog. ";
+    s.resize(1024);
+    return s;
+  }();
+  static const std::string mix = [] {
+    std::string s;
+    const char* part =
+        "Caf\xC3\xA9 \xD0\x9F\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82 \xCE\xB1\xCE\xB2 "
+        "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E \xF0\x9F\x98\x80 text ";
+    while (s.size() < 1000) s += part;
+    return s;
+  }();
+  return mixed ? mix : ascii;
+}
+
+const std::vector<unsigned short>& Utf16Text(bool mixed) {
+  static std::vector<unsigned short> texts[2];
+  std::vector<unsigned short>& t = texts[mixed];
+  if (t.empty()) {
+    std::string s = Utf8Text(mixed);
+    unsigned int src = static_cast<unsigned>(s.size()), need = 0;
+    QZ_UTF8_TO_UTF16(&s[0], &src, nullptr, &need);
+    t.resize(need);
+    src = static_cast<unsigned>(s.size());
+    QZ_UTF8_TO_UTF16(&s[0], &src, t.data(), &need);
+  }
+  return t;
+}
+
+iconv_t Descriptor(bool to16) {
+  static iconv_t d8to16 = iconv_open("UTF-16LE", "UTF-8");
+  static iconv_t d16to8 = iconv_open("UTF-8", "UTF-16LE");
+  return to16 ? d8to16 : d16to8;
+}
+
+void RawIconv(iconv_t cd, const void* src, size_t srcBytes, void* dst, size_t dstBytes) {
+  char* in = static_cast<char*>(const_cast<void*>(src));
+  char* out = static_cast<char*>(dst);
+  size_t inLeft = srcBytes, outLeft = dstBytes;
+  iconv(cd, &in, &inLeft, &out, &outLeft);
+}
+
+// ---- The conversions and their peer ----------------------------------------------
+void QzUtf8ToUtf16(benchmark::State& state) {
+  std::string text = Utf8Text(state.range(0) != 0);
+  std::vector<unsigned short> out(text.size() + 8);
+  for (auto _ : state) {
+    unsigned int src = static_cast<unsigned>(text.size()), dst = static_cast<unsigned>(out.size());
+    benchmark::DoNotOptimize(QZ_UTF8_TO_UTF16(&text[0], &src, out.data(), &dst));
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+}
+
+void IconvUtf8ToUtf16(benchmark::State& state) {
+  std::string text = Utf8Text(state.range(0) != 0);
+  std::vector<unsigned short> out(text.size() + 8);
+  iconv_t cd = Descriptor(true);
+  for (auto _ : state) {
+    RawIconv(cd, text.data(), text.size(), out.data(), out.size() * 2);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+}
+
+void QzUtf16ToUtf8(benchmark::State& state) {
+  std::vector<unsigned short> text = Utf16Text(state.range(0) != 0);
+  std::vector<char> out(text.size() * 3 + 8);
+  for (auto _ : state) {
+    unsigned int src = static_cast<unsigned>(text.size()), dst = static_cast<unsigned>(out.size());
+    benchmark::DoNotOptimize(QZ_UTF16_TO_UTF8(text.data(), &src, out.data(), &dst));
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size() * 2));
+}
+
+void IconvUtf16ToUtf8(benchmark::State& state) {
+  std::vector<unsigned short> text = Utf16Text(state.range(0) != 0);
+  std::vector<char> out(text.size() * 3 + 8);
+  iconv_t cd = Descriptor(false);
+  for (auto _ : state) {
+    RawIconv(cd, text.data(), text.size() * 2, out.data(), out.size());
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size() * 2));
+}
+
+// The strings' way: measure, then convert.
+void QzUtf8ToUtf16TwoPass(benchmark::State& state) {
+  std::string text = Utf8Text(state.range(0) != 0);
+  std::vector<unsigned short> out(text.size() + 8);
+  for (auto _ : state) {
+    unsigned int src = static_cast<unsigned>(text.size()), need = 0;
+    QZ_UTF8_TO_UTF16(&text[0], &src, nullptr, &need);
+    src = static_cast<unsigned>(text.size());
+    benchmark::DoNotOptimize(QZ_UTF8_TO_UTF16(&text[0], &src, out.data(), &need));
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+}
+
+// ---- How a shared object could guard its descriptor --------------------------------
+// A lock around one descriptor.
+void GuardMutex(benchmark::State& state) {
+  static std::mutex lock;
+  static iconv_t cd = iconv_open("UTF-16LE", "UTF-8");
+  std::string text = Utf8Text(state.range(0) != 0);
+  std::vector<unsigned short> out(text.size() + 8);
+  for (auto _ : state) {
+    std::lock_guard<std::mutex> hold(lock);
+    iconv(cd, nullptr, nullptr, nullptr, nullptr);
+    RawIconv(cd, text.data(), text.size(), out.data(), out.size() * 2);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+}
+
+// A descriptor opened and closed by every call.
+void GuardOpenPerCall(benchmark::State& state) {
+  std::string text = Utf8Text(state.range(0) != 0);
+  std::vector<unsigned short> out(text.size() + 8);
+  for (auto _ : state) {
+    iconv_t cd = iconv_open("UTF-16LE", "UTF-8");
+    RawIconv(cd, text.data(), text.size(), out.data(), out.size() * 2);
+    iconv_close(cd);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+}
+
+BENCHMARK(QzUtf8ToUtf16)->Arg(0)->Arg(1);
+BENCHMARK(IconvUtf8ToUtf16)->Arg(0)->Arg(1);
+BENCHMARK(QzUtf16ToUtf8)->Arg(0)->Arg(1);
+BENCHMARK(IconvUtf16ToUtf8)->Arg(0)->Arg(1);
+BENCHMARK(QzUtf8ToUtf16TwoPass)->Arg(0)->Arg(1);
+BENCHMARK(GuardMutex)->Arg(1);
+BENCHMARK(GuardMutex)->Arg(1)->Threads(2);
+BENCHMARK(QzUtf8ToUtf16)->Arg(1)->Threads(2);
+BENCHMARK(GuardOpenPerCall)->Arg(1);
+
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& r : runs)
+      if (r.run_type == Run::RT_Iteration && !r.error_occurred) times_[r.benchmark_name()] = r.GetAdjustedCPUTime();
+  }
+
+  void Finalize() override {
+    ConsoleReporter::Finalize();
+    printf("\nRatios of CPU time: qzbase / direct iconv, 1 KiB texts (goal: at most 1.10)\n\n");
+    printf("  %-22s  %-8s  %-8s\n", "conversion", "ASCII", "mixed");
+    printf("  %-22s  %-8s  %-8s\n", "QZ_UTF8_TO_UTF16", Ratio("QzUtf8ToUtf16/0", "IconvUtf8ToUtf16/0").c_str(),
+           Ratio("QzUtf8ToUtf16/1", "IconvUtf8ToUtf16/1").c_str());
+    printf("  %-22s  %-8s  %-8s\n", "QZ_UTF16_TO_UTF8", Ratio("QzUtf16ToUtf8/0", "IconvUtf16ToUtf8/0").c_str(),
+           Ratio("QzUtf16ToUtf8/1", "IconvUtf16ToUtf8/1").c_str());
+    printf("  %-22s  %-8s  %-8s\n", "measure + convert", Ratio("QzUtf8ToUtf16TwoPass/0", "IconvUtf8ToUtf16/0").c_str(),
+           Ratio("QzUtf8ToUtf16TwoPass/1", "IconvUtf8ToUtf16/1").c_str());
+    printf("\nGuarding a shared descriptor (mixed text), time / direct iconv time:\n\n");
+    printf("  %-34s  %s\n", "spare descriptors (the library's)", Ratio("QzUtf8ToUtf16/1", "IconvUtf8ToUtf16/1").c_str());
+    printf("  %-34s  %s\n", "one lock", Ratio("GuardMutex/1", "IconvUtf8ToUtf16/1").c_str());
+    printf("  %-34s  %s\n", "open and close per call", Ratio("GuardOpenPerCall/1", "IconvUtf8ToUtf16/1").c_str());
+    printf("  %-34s  %s\n", "spare descriptors, 2 threads", Ratio("QzUtf8ToUtf16/1/threads:2", "IconvUtf8ToUtf16/1").c_str());
+    printf("  %-34s  %s\n\n", "one lock, 2 threads", Ratio("GuardMutex/1/threads:2", "IconvUtf8ToUtf16/1").c_str());
+  }
+
+ private:
+  std::string Ratio(const std::string& ours, const std::string& peer) const {
+    auto a = times_.find(ours), b = times_.find(peer);
+    if (a == times_.end() || b == times_.end() || b->second <= 0) return "-";
+    char buf[32];
+    snprintf(buf, sizeof buf, "%.2f", a->second / b->second);
+    return buf;
+  }
+  std::map<std::string, double> times_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return 0;
+}
