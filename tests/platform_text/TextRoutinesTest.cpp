@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <locale.h>
+#include <stdlib.h>
+#include <unistd.h>
 #include <string.h>
 
 #include <string>
@@ -67,6 +69,28 @@ TEST(TextActivePage, DefaultsToUtf8AndSwitchesOnlyToPossiblePages) {
   EXPECT_EQ(QzMaxCharSize(CP_UTF8), 4u);
   EXPECT_EQ(QzMaxCharSize(1252), 1u);
   EXPECT_EQ(QzMaxCharSize(1200), 0u);
+}
+
+// QZ_ACP is read once per process, so each value is tried in a child run of
+// this program that checks only this.
+TEST(TextActivePage, EnvironmentChoosesThePageOnce) {
+  if (const char* expect = getenv("QZ_TEST_EXPECT_ACP")) {
+    EXPECT_EQ(GetACP(), static_cast<UINT>(atoi(expect)));
+    setenv("QZ_ACP", "1250", 1);
+    EXPECT_EQ(GetACP(), static_cast<UINT>(atoi(expect)));  // not read again
+    return;
+  }
+  char self[4096];
+  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  ASSERT_GT(n, 0);
+  self[n] = 0;
+  const struct { const char* value; const char* expect; } rows[] = {
+      {"1252", "1252"}, {"932", "932"}, {"65001", "65001"}, {"1200", "65001"}, {"12x", "65001"}, {"", "65001"}};
+  for (const auto& r : rows) {
+    std::string cmd = std::string("QZ_ACP='") + r.value + "' QZ_TEST_EXPECT_ACP=" + r.expect + " '" + self +
+                      "' --gtest_filter=TextActivePage.EnvironmentChoosesThePageOnce >/dev/null 2>&1";
+    EXPECT_EQ(system(cmd.c_str()), 0) << r.value;
+  }
 }
 
 TEST(TextNarrowRoutines, Utf8CountsWholeCharacters) {

@@ -1,0 +1,90 @@
+// Differential fuzzing of the text conversions: the library's own decoders
+// (MultiByteToWideChar / WideCharToMultiByte) against the converter
+// component on iconv. Both must agree on what is valid and on the text.
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <vector>
+
+#include "platform/QzPlatform.h"
+#include "platform/QzPlatformCom.h"
+
+using namespace qzsys;
+
+namespace {
+
+const UINT kPages[] = {65001, 1252, 1251, 1253, 932, 936, 949, 950, 20127, 28591};
+
+IMLangConvertCharset* Converter(UINT from, UINT to) {
+  IMLangConvertCharset* c = nullptr;
+  Qz_CreateMLangConvertor(&c, from, to, 0);
+  return c;
+}
+
+// Measure, then convert into a buffer of exactly that size with a guard.
+HRESULT Run(IMLangConvertCharset* c, const uint8_t* data, unsigned int size, std::vector<uint8_t>* out) {
+  unsigned int src = size, need = 0;
+  HRESULT hr = c->DoConversion(const_cast<uint8_t*>(data), &src, nullptr, &need);
+  if (hr < 0) return hr;
+  out->assign(need + 1, 0xA5);
+  unsigned int room = need;
+  src = size;
+  HRESULT again = c->DoConversion(const_cast<uint8_t*>(data), &src, out->data(), &room);
+  if (again != hr || room != need || (*out)[need] != 0xA5 || src != size) __builtin_trap();
+  out->resize(need);
+  return hr;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 1) return 0;
+  const UINT page = kPages[data[0] % (sizeof kPages / sizeof kPages[0])];
+  ++data;
+  --size;
+  static IMLangConvertCharset* toWide[sizeof kPages / sizeof kPages[0]];
+  static IMLangConvertCharset* fromWide[sizeof kPages / sizeof kPages[0]];
+  size_t index = 0;
+  while (kPages[index] != page) ++index;
+  if (!toWide[index]) toWide[index] = Converter(page, 1200);
+  if (!fromWide[index]) fromWide[index] = Converter(1200, page);
+
+  // Narrow to UTF-16.
+  std::vector<uint8_t> viaComponent;
+  HRESULT hr = Run(toWide[index], data, static_cast<unsigned int>(size), &viaComponent);
+  if (size > 0) {
+    int n = MultiByteToWideChar(page, MB_ERR_INVALID_CHARS, reinterpret_cast<const char*>(data),
+                                static_cast<int>(size), nullptr, 0);
+    if ((n > 0) != (hr >= 0)) __builtin_trap();
+    if (n > 0) {
+      std::vector<WCHAR> w(n);
+      MultiByteToWideChar(page, MB_ERR_INVALID_CHARS, reinterpret_cast<const char*>(data), static_cast<int>(size),
+                          w.data(), n);
+      if (viaComponent.size() != w.size() * 2 || memcmp(viaComponent.data(), w.data(), viaComponent.size()) != 0)
+        __builtin_trap();
+    }
+  }
+
+  // The same bytes read as UTF-16 back to the page: lone surrogates must be
+  // refused by both, everything else converted alike.
+  std::vector<uint8_t> narrow;
+  hr = Run(fromWide[index], data, static_cast<unsigned int>(size), &narrow);
+  if (size >= 2 && size % 2 == 0) {
+    std::vector<WCHAR> w(size / 2);
+    memcpy(w.data(), data, size);
+    DWORD flags = page == 65001 ? WC_ERR_INVALID_CHARS : 0;
+    int n = WideCharToMultiByte(page, flags, w.data(), static_cast<int>(w.size()), nullptr, 0, nullptr, nullptr);
+    if (page == 65001) {
+      if ((n > 0) != (hr >= 0)) __builtin_trap();
+      if (n > 0) {
+        std::vector<char> b(n);
+        WideCharToMultiByte(page, flags, w.data(), static_cast<int>(w.size()), b.data(), n, nullptr, nullptr);
+        if (narrow.size() != b.size() || memcmp(narrow.data(), b.data(), b.size()) != 0) __builtin_trap();
+      }
+    }
+  } else if (size % 2 == 1 && hr >= 0) {
+    __builtin_trap();  // an odd byte count of UTF-16 is never valid
+  }
+  return 0;
+}
