@@ -17,23 +17,23 @@ inline QzChunk* Next(const QzChunk* p) { return QzChunkAt(p, QzChunkSize(p)); }
 // In use, both flags: the chunk before p is in use too (it came out of a bin,
 // reserve or top, all of which follow an in-use chunk).
 inline void MarkInUse(QzHeap* heap, QzChunk* p, size_t s) {
-  p->sizeWord = s | QZ_INUSE_BITS;
+  QzSetHead(p, s | QZ_INUSE_BITS);
   QzChunk* next = QzChunkAt(p, s);
   next->footWord = Footer(heap);
-  next->sizeWord |= QZ_PREV_INUSE;
+  QzSetHead(next, next->sizeWord | QZ_PREV_INUSE);
 }
 // In use, keeping what p knew of its predecessor.
 inline void MarkInUseKeep(QzHeap* heap, QzChunk* p, size_t s) {
-  p->sizeWord = (p->sizeWord & QZ_PREV_INUSE) | s | QZ_CUR_INUSE;
+  QzSetHead(p, (p->sizeWord & QZ_PREV_INUSE) | s | QZ_CUR_INUSE);
   QzChunk* next = QzChunkAt(p, s);
   next->footWord = Footer(heap);
-  next->sizeWord |= QZ_PREV_INUSE;
+  QzSetHead(next, next->sizeWord | QZ_PREV_INUSE);
 }
 inline void MarkFree(QzChunk* p, size_t s) {
-  p->sizeWord = s | QZ_PREV_INUSE;
+  QzSetHead(p, s | QZ_PREV_INUSE);
   QzChunk* next = QzChunkAt(p, s);
   next->footWord = s;
-  next->sizeWord &= ~QZ_PREV_INUSE;
+  QzSetHead(next, next->sizeWord & ~QZ_PREV_INUSE);
 }
 
 inline unsigned LowestBit(uint32_t x) { return static_cast<unsigned>(__builtin_ctz(x)); }
@@ -243,8 +243,8 @@ void QzHeapEstablishTop(QzHeap* heap, QzChunk* t, size_t s) {
   s -= offset;
   heap->top = t;
   heap->topSize = s;
-  t->sizeWord = s | QZ_PREV_INUSE;
-  QzChunkAt(t, s)->sizeWord = QZ_TOP_FOOT;
+  QzSetHead(t, s | QZ_PREV_INUSE);
+  QzSetHead(QzChunkAt(t, s), QZ_TOP_FOOT);
   heap->trimCheck = QzHeapParams.trimThreshold.load(std::memory_order_relaxed);
 }
 
@@ -254,7 +254,7 @@ void* QzHeapCutFromTop(QzHeap* heap, size_t c) {
   QzChunk* t = QzChunkAt(p, c);
   heap->top = t;
   heap->topSize = rest;
-  t->sizeWord = rest | QZ_PREV_INUSE;
+  QzSetHead(t, rest | QZ_PREV_INUSE);
   MarkInUse(heap, p, c);
   return QzChunkToBlock(p);
 }
@@ -474,7 +474,7 @@ static void FreeLocked(QzHeap* heap, QzChunk* p) {
     if (next == heap->top) {
       const size_t tsize = heap->topSize += s;
       heap->top = p;
-      p->sizeWord = tsize | QZ_PREV_INUSE;
+      QzSetHead(p, tsize | QZ_PREV_INUSE);
       if (p == heap->reserve) {
         heap->reserve = nullptr;
         heap->reserveSize = 0;
@@ -548,7 +548,7 @@ void* QzHeapRealloc(QzHeap* heap, void* block, size_t bytes) {
   } else if (next == heap->top && s + heap->topSize > c) {
     const size_t tsize = s + heap->topSize - c;
     QzChunk* t = QzChunkAt(p, c);
-    t->sizeWord = tsize | QZ_PREV_INUSE;
+    QzSetHead(t, tsize | QZ_PREV_INUSE);
     heap->top = t;
     heap->topSize = tsize;
     MarkInUseKeep(heap, p, c);
@@ -592,9 +592,9 @@ void* QzHeapAlignedAlloc(QzHeap* heap, size_t alignment, size_t bytes) {
     const size_t rest = QzChunkSize(p) - lead;
     if ((p->sizeWord & QZ_INUSE_BITS) == 0) {
       q->footWord = p->footWord + lead;
-      q->sizeWord = rest;
+      QzSetHead(q, rest);
     } else {
-      q->sizeWord = rest | QZ_INUSE_BITS;
+      QzSetHead(q, rest | QZ_INUSE_BITS);
       QzChunkAt(q, rest)->footWord = Footer(heap);
       MarkInUseKeep(heap, p, lead);
       leader = QzChunkToBlock(p);

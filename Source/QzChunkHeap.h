@@ -190,7 +190,13 @@ inline void* QzChunkToBlock(const QzChunk* p) {
 inline QzChunk* QzChunkAt(const void* p, size_t offset) {
   return reinterpret_cast<QzChunk*>(reinterpret_cast<uintptr_t>(p) + offset);
 }
-inline size_t QzChunkSize(const QzChunk* p) { return p->sizeWord & ~QZ_FLAG_BITS; }
+// Size words are read without the heap's lock by the pool front end (usable
+// size, owner of a block) while a neighbour's free may flip their flag bit 0
+// under the lock; relaxed atomic access (plain moves on x86) keeps that
+// well-defined. Every write of a size word goes through QzSetHead.
+inline size_t QzHead(const QzChunk* p) { return __atomic_load_n(&p->sizeWord, __ATOMIC_RELAXED); }
+inline void QzSetHead(QzChunk* p, size_t v) { __atomic_store_n(&p->sizeWord, v, __ATOMIC_RELAXED); }
+inline size_t QzChunkSize(const QzChunk* p) { return QzHead(p) & ~QZ_FLAG_BITS; }
 // Chunk size for a request of n bytes (n below QZ_MAX_REQUEST).
 inline size_t QzRequestToChunk(size_t n) {
   return n < QZ_MIN_REQUEST ? QZ_MIN_CHUNK
@@ -204,13 +210,14 @@ inline size_t QzStamp() { return QzHeapParams.magic.load(std::memory_order_acqui
 inline size_t QzBlockUsableSize(const void* block) {
   if (block == nullptr) return 0;
   const QzChunk* p = QzBlockToChunk(block);
-  if ((p->sizeWord & QZ_INUSE_BITS) == QZ_PREV_INUSE) return 0;
-  return QzChunkSize(p) - QZ_CHUNK_OVERHEAD;
+  const size_t head = QzHead(p);
+  if ((head & QZ_INUSE_BITS) == QZ_PREV_INUSE) return 0;
+  return (head & ~QZ_FLAG_BITS) - QZ_CHUNK_OVERHEAD;
 }
 // Whether the chunk of a block is flagged in use (flags 2, 3, or 0 for a
 // directly mapped chunk).
 inline bool QzBlockLooksInUse(const void* block) {
-  return (QzBlockToChunk(block)->sizeWord & QZ_INUSE_BITS) != QZ_PREV_INUSE;
+  return (QzHead(QzBlockToChunk(block)) & QZ_INUSE_BITS) != QZ_PREV_INUSE;
 }
 // The heap that the block's footer names, unverified: footer XOR stamp.
 inline QzHeap* QzBlockFooterHeap(const void* block) {

@@ -43,16 +43,16 @@ void* Prepend(QzHeap* heap, uintptr_t newBase, uintptr_t oldBase, size_t c) {
   QzChunk* o = AlignChunk(oldBase);
   QzChunk* q = QzChunkAt(p, c);
   size_t r = Addr(o) - Addr(q);
-  p->sizeWord = c | QZ_INUSE_BITS;
+  QzSetHead(p, c | QZ_INUSE_BITS);
   q->footWord = Footer(heap);
   if (o == heap->top) {
     const size_t tsize = heap->topSize += r;
     heap->top = q;
-    q->sizeWord = tsize | QZ_PREV_INUSE;
+    QzSetHead(q, tsize | QZ_PREV_INUSE);
   } else if (o == heap->reserve) {
     const size_t dsize = heap->reserveSize += r;
     heap->reserve = q;
-    q->sizeWord = dsize | QZ_PREV_INUSE;
+    QzSetHead(q, dsize | QZ_PREV_INUSE);
     QzChunkAt(q, dsize)->footWord = dsize;
   } else {
     if ((o->sizeWord & QZ_CUR_INUSE) == 0) {
@@ -62,8 +62,8 @@ void* Prepend(QzHeap* heap, uintptr_t newBase, uintptr_t oldBase, size_t c) {
       o = QzChunkAt(o, nsize);
       r += nsize;
     }
-    o->sizeWord &= ~QZ_PREV_INUSE;
-    q->sizeWord = r | QZ_PREV_INUSE;
+    QzSetHead(o, o->sizeWord & ~QZ_PREV_INUSE);
+    QzSetHead(q, r | QZ_PREV_INUSE);
     o->footWord = r;
     QzHeapInsertChunk(heap, q, r);
   }
@@ -81,7 +81,7 @@ void AddSegment(QzHeap* heap, uintptr_t base, size_t size) {
 
   // The old segment is closed by a record chunk holding the old head of the
   // list, then fenceposts up to its end, so no chunk ever merges across it.
-  s->sizeWord = QZ_SEGMENT_CHUNK | QZ_INUSE_BITS;
+  QzSetHead(s, QZ_SEGMENT_CHUNK | QZ_INUSE_BITS);
   QzChunkAt(s, QZ_SEGMENT_CHUNK)->footWord = Footer(heap);
   QzSegment* record = static_cast<QzSegment*>(QzChunkToBlock(s));
   *record = heap->firstSegment;
@@ -92,14 +92,14 @@ void AddSegment(QzHeap* heap, uintptr_t base, size_t size) {
   QzChunk* fence = QzChunkAt(s, QZ_SEGMENT_CHUNK);
   for (;;) {
     QzChunk* next = QzChunkAt(fence, QZ_WORD);
-    fence->sizeWord = QZ_FENCEPOST;
+    QzSetHead(fence, QZ_FENCEPOST);
     if (Addr(&next->sizeWord) < end) fence = next;
     else break;
   }
   if (s != oldTop) {
     const size_t psize = Addr(s) - Addr(oldTop);
-    s->sizeWord &= ~QZ_PREV_INUSE;
-    oldTop->sizeWord = psize | QZ_PREV_INUSE;
+    QzSetHead(s, s->sizeWord & ~QZ_PREV_INUSE);
+    QzSetHead(oldTop, psize | QZ_PREV_INUSE);
     s->footWord = psize;
     QzHeapInsertChunk(heap, oldTop, psize);
   }
@@ -117,11 +117,11 @@ void* QzHeapMapDirect(QzHeap* heap, size_t c) {
   const size_t offset = Addr(p) - Addr(region);
   const size_t psize = size - offset - QZ_DIRECT_FOOT;
   p->footWord = offset;
-  p->sizeWord = psize;
+  QzSetHead(p, psize);
   QzChunk* end = QzChunkAt(p, psize);
   end->footWord = Footer(heap);
-  end->sizeWord = QZ_FENCEPOST;
-  QzChunkAt(p, psize + QZ_WORD)->sizeWord = 0;
+  QzSetHead(end, QZ_FENCEPOST);
+  QzSetHead(QzChunkAt(p, psize + QZ_WORD), 0);
   if (Addr(region) < heap->lowestAddress) heap->lowestAddress = Addr(region);
   heap->footprint += size;
   if (heap->footprint > heap->maxFootprint) heap->maxFootprint = heap->footprint;
@@ -151,7 +151,7 @@ void* QzHeapGrow(QzHeap* heap, size_t c) {
     heap->firstSegment.flags = 1;
     heap->lowestAddress = base;
     heap->releaseCountdown = 4095;
-    heap->magic = QzStamp();
+    if (heap->magic != QzStamp()) heap->magic = QzStamp();  // unlocked readers compare it
     for (unsigned i = 0; i < QZ_SMALL_BIN_COUNT; ++i) {
       QzChunk* head = QzSmallBinAt(heap, i);
       head->nextFree = head->prevFree = head;

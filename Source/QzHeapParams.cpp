@@ -145,7 +145,7 @@ QzHeap* QzHeapCreate(size_t capacity) {
   memset(static_cast<void*>(heap), 0, sizeof(QzHeap));
   const size_t stamp = QzStamp();
   heap->magic = stamp;
-  first->sizeWord = m | QZ_INUSE_BITS;
+  QzSetHead(first, m | QZ_INUSE_BITS);
   QzChunkAt(first, m)->footWord = stamp ^ Addr(heap);
   heap->lowestAddress = Addr(region);
   heap->firstSegment.base = Addr(region);

@@ -67,7 +67,9 @@ TEST(HeapGrowth, PrependedRegionServesTheRequestAtItsStart) {
   EXPECT_HEAP_OK(h);
 }
 
-TEST(HeapGrowth, PrependJoinsAFreeFirstChunkAndReserve) {
+TEST(HeapGrowth, PrependJoinsAFreeFirstChunk) {
+  ParamsScope params;
+  ASSERT_EQ(1, Qz_MempoolOpt(nullptr, -3, -1));  // big requests take segments
   Placement place;
   const size_t G = Granule();
   place.Queue(8 * G);
@@ -75,16 +77,41 @@ TEST(HeapGrowth, PrependJoinsAFreeFirstChunkAndReserve) {
   FillTop(h);
   place.Queue(7 * G);
   void* b = QzHeapAlloc(h, kStep);  // prepended at 7G
-  ASSERT_NE(nullptr, b);
-  // Make the segment's first chunk free: b's chunk goes back and merges.
-  QzHeapFree(b);
+  ASSERT_EQ(place.base() + 7 * G + QZ_CHUNK_OVERHEAD, Addr(b));
+  QzHeapFree(b);  // [7G, 8G) is one free chunk now
+  ASSERT_EQ(1u, Report(h).freeChunks);
+  ASSERT_EQ(G, Report(h).freeBytes);
+  // Fits nowhere: a region of two granules goes right before it.
+  place.Queue(5 * G);
+  void* c = QzHeapAlloc(h, G + G / 2);
+  ASSERT_EQ(place.base() + 5 * G + QZ_CHUNK_OVERHEAD, Addr(c));
+  const QzHeapCheckReport r = Report(h);
+  EXPECT_EQ(1u, r.segments);
+  EXPECT_EQ(1u, r.freeChunks);  // the rest of the region joined the free chunk
+  EXPECT_EQ(3 * G - ChunkSizeOf(c), r.freeBytes);
+  EXPECT_EQ(4 * G, h->firstSegment.size);
   EXPECT_HEAP_OK(h);
-  // Use up every free byte so the next growth prepends again at 6G.
-  std::vector<void*> more;
-  for (void* p; (p = QzHeapAlloc(h, kStep)) != nullptr && Addr(p) >= place.base() + 7 * G;) more.push_back(p);
+}
+
+TEST(HeapGrowth, PrependJoinsTop) {
+  ParamsScope params;
+  ASSERT_EQ(1, Qz_MempoolOpt(nullptr, -3, -1));
+  Placement place;
+  const size_t G = Granule();
+  place.Queue(2 * G);
+  ScopedHeap h;
+  QzHeapResetOnCorruption(h);  // next growth puts top at the start of a region
+  place.Queue(10 * G);
+  QzHeapFree(QzHeapAlloc(h, 100));
+  ASSERT_EQ(place.base() + 10 * G, Addr(h->top));
+  const size_t topSize = h->topSize;
+  place.Queue(8 * G);
+  void* c = QzHeapAlloc(h, G + G / 2);
+  ASSERT_EQ(place.base() + 8 * G + QZ_CHUNK_OVERHEAD, Addr(c));
+  EXPECT_EQ(Addr(ChunkOf(c)) + ChunkSizeOf(c), Addr(h->top));
+  EXPECT_EQ(topSize + 2 * G - ChunkSizeOf(c), h->topSize);
+  EXPECT_EQ(0u, Report(h).freeChunks);
   EXPECT_HEAP_OK(h);
-  // That last allocation already grew; whatever its place, the heap holds.
-  EXPECT_LE(h->lowestAddress, place.base() + 7 * G);
 }
 
 TEST(HeapGrowth, UnrelatedRegionClosesTheOldSegment) {
@@ -276,13 +303,13 @@ TEST(HeapRelease, UnusedOlderSegmentGoesBack) {
   void* inC = QzHeapAlloc(h, kStep);
   ASSERT_NE(nullptr, inC);
   EXPECT_EQ(3u, Report(h).segments);
-  for (void* b : inB) QzHeapFree(b);
-  EXPECT_HEAP_OK(h);
   const size_t before = h->footprint;
-  QzSpinLockAcquire(&h->lock);
-  EXPECT_EQ(G, QzHeapReleaseUnused(h));
+  for (size_t i = 0; i + 1 < inB.size(); ++i) QzHeapFree(inB[i]);
+  EXPECT_HEAP_OK(h);
+  EXPECT_EQ(before, h->footprint);
+  h->releaseCountdown = 1;  // the next tree free looks for unused segments
+  QzHeapFree(inB.back());
   EXPECT_EQ(4095u, h->releaseCountdown);
-  QzSpinLockRelease(&h->lock);
   EXPECT_EQ(before - G, h->footprint);
   EXPECT_EQ(2u, Report(h).segments);
   EXPECT_HEAP_OK(h);
