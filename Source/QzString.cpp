@@ -116,6 +116,9 @@ struct Width<char> {
   static const unsigned char* U8(const char* p) { return reinterpret_cast<const unsigned char*>(p); }
   // Units of the character at p, cut at `end` (a lead byte at the very end).
   static unsigned int Step(const char* p, const char* end) {
+    // Below 0x80 a byte at a character boundary is a character of its own in
+    // every code page the library runs with (no lead byte is that low).
+    if (static_cast<unsigned char>(*p) < 0x80) return 1;
     unsigned int n = static_cast<unsigned int>(qzsys::_mbsinc(U8(p)) - U8(p));
     unsigned int left = static_cast<unsigned int>(end - p);
     if (n == 0) n = 1;
@@ -618,7 +621,8 @@ struct TextMatch {
   unsigned int fromChars;
   bool ignoreCase;
   bool operator()(const T* p) const {
-    if (!ignoreCase) return memcmp(p, from, static_cast<size_t>(fromCount) * sizeof(T)) == 0;
+    if (!ignoreCase)
+      return *p == *from && memcmp(p, from, static_cast<size_t>(fromCount) * sizeof(T)) == 0;
     return Width<T>::MatchIgnoreCase(p, from, fromChars);
   }
 };

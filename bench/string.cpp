@@ -175,11 +175,11 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& r : runs)
-      if (r.run_type == Run::RT_Iteration && !r.error_occurred) times_[r.benchmark_name()] = r.GetAdjustedRealTime();
+      if (r.run_type == Run::RT_Iteration && !r.error_occurred) times_[r.benchmark_name()] = r.GetAdjustedCPUTime();
   }
   void Finalize() override {
     ConsoleReporter::Finalize();
-    printf("\nRatios: qzbase time / std::string time (below 1: faster)\n\n");
+    printf("\nRatios: qzbase CPU time / std::string CPU time (below 1: faster)\n\n");
     const char* rows[][2] = {{"Copy", "1 KiB copy (goal <= 0.20)"},
                              {"Assign", "1 KiB assignment (goal <= 0.20)"},
                              {"AppendChar", "1000 x += char"},
