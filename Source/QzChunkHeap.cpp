@@ -12,7 +12,6 @@ namespace {
 inline uintptr_t Addr(const void* p) { return reinterpret_cast<uintptr_t>(p); }
 inline bool LinkOk(const QzHeap* heap, const void* p) { return Addr(p) >= heap->lowestAddress; }
 inline size_t Footer(const QzHeap* heap) { return heap->magic ^ Addr(heap); }
-inline QzChunk* Next(const QzChunk* p) { return QzChunkAt(p, QzChunkSize(p)); }
 
 // In use, both flags: the chunk before p is in use too (it came out of a bin,
 // reserve or top, all of which follow an in-use chunk).
