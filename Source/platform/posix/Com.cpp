@@ -135,6 +135,59 @@ unsigned EncodeOne(UINT page, uint32_t cp, unsigned char* out) {
   return 2;
 }
 
+// Measuring between UTF-8 and UTF-16 needs no conversion: the library's own
+// decoders (which agree with iconv on what is valid) count the result at a
+// fraction of the cost. Returns false for other pairs.
+bool MeasureUnicode(UINT from, UINT to, const unsigned char* in, size_t len, size_t* needed, bool* invalid) {
+  size_t n = 0;
+  *invalid = false;
+  if (from == CP_UTF8 && to == 1200) {
+    for (size_t i = 0; i < len;) {
+      if (in[i] < 0x80) {
+        n += 2;
+        ++i;
+        continue;
+      }
+      uint32_t cp;
+      unsigned bad;
+      unsigned k = text::DecodeUtf8(in + i, len - i, &cp, &bad);
+      if (!k) {
+        *invalid = true;
+        return true;
+      }
+      n += cp >= 0x10000 ? 4 : 2;
+      i += k;
+    }
+  } else if (from == 1200 && to == CP_UTF8) {
+    for (size_t i = 0; i + 1 < len; i += 2) {
+      uint32_t u = in[i] | in[i + 1] << 8;
+      if (u < 0x80) {
+        n += 1;
+      } else if (u < 0x800) {
+        n += 2;
+      } else if (u < 0xD800 || u > 0xDFFF) {
+        n += 3;
+      } else {
+        if (u > 0xDBFF || i + 3 >= len) {
+          *invalid = true;
+          return true;
+        }
+        uint32_t lo = in[i + 2] | in[i + 3] << 8;
+        if (lo < 0xDC00 || lo > 0xDFFF) {
+          *invalid = true;
+          return true;
+        }
+        n += 4;
+        i += 2;
+      }
+    }
+  } else {
+    return false;
+  }
+  *needed = n;
+  return true;
+}
+
 // Where converted bytes go: the caller's buffer, or a scratch area that is
 // only counted when the caller measures.
 struct Output {
@@ -329,11 +382,15 @@ HRESULT Converter::DoConversion(unsigned char* source, unsigned int* sourceSize,
   out.cap = *destinationSize;
   out.measure = destination == nullptr;
   size_t consumed = 0;
+  bool invalid = false;
   HRESULT hr;
   if (inLen % unit != 0) {
     hr = QZ_E_NO_UNICODE_TRANSLATION;
   } else if (inLen == 0) {
     hr = S_OK;
+  } else if (out.measure && MeasureUnicode(source_, destination_, source, inLen, &out.total, &invalid)) {
+    hr = invalid ? QZ_E_NO_UNICODE_TRANSLATION : S_OK;
+    consumed = inLen;
   } else {
     iconv_t cd = Take();
     if (cd == kNoDescriptor) return errno == ENOMEM ? E_OUTOFMEMORY : E_FAIL;
