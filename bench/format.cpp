@@ -1,0 +1,284 @@
+// Formatted output against the C library's snprintf and {fmt}'s format_to_n.
+//
+// Each case formats the same values with the three engines into a 256-byte
+// buffer; values cycle through a small table so that nothing is folded away.
+// The table printed at the end gives the speed of QZ_SNPRINTF_A relative to
+// each peer (peer CPU time / our CPU time, which a busy machine disturbs
+// less than wall time; above 1 means faster).
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+#include <qzbase/QzFormat.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+
+namespace {
+
+const int kValues = 64;
+
+struct Values {
+  int ints[kValues];
+  unsigned hex[kValues];
+  double reals[kValues];
+  const char* names[kValues];
+  Values() {
+    static const char* const kNames[] = {"decoder", "mixer", "render thread", "io", "audio-out", "net"};
+    unsigned seed = 12345;
+    for (int i = 0; i < kValues; ++i) {
+      seed = seed * 1103515245u + 12345u;
+      ints[i] = static_cast<int>(seed >> 8) % 100000 - (i % 3 == 0 ? 50000 : 0);
+      hex[i] = seed;
+      reals[i] = static_cast<double>(static_cast<int>(seed >> 12) % 1000000) / 997.0;
+      names[i] = kNames[i % 6];
+    }
+  }
+};
+const Values& V() {
+  static Values v;
+  return v;
+}
+
+// ---- A log line: "%s: %d items, %08x, %.3f" --------------------------------------
+void LogLineQz(benchmark::State& state) {
+  const Values& v = V();
+  char buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    benchmark::DoNotOptimize(
+        QZ_SNPRINTF_A(buf, sizeof buf, "%s: %d items, %08x, %.3f", v.names[k], v.ints[k], v.hex[k], v.reals[k]));
+    benchmark::ClobberMemory();
+  }
+}
+void LogLineLibc(benchmark::State& state) {
+  const Values& v = V();
+  char buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    benchmark::DoNotOptimize(
+        snprintf(buf, sizeof buf, "%s: %d items, %08x, %.3f", v.names[k], v.ints[k], v.hex[k], v.reals[k]));
+    benchmark::ClobberMemory();
+  }
+}
+void LogLineFmt(benchmark::State& state) {
+  const Values& v = V();
+  char buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    auto r = fmt::format_to_n(buf, sizeof buf - 1, "{}: {} items, {:08x}, {:.3f}", v.names[k], v.ints[k], v.hex[k],
+                              v.reals[k]);
+    *r.out = 0;
+    benchmark::DoNotOptimize(r.size);
+    benchmark::ClobberMemory();
+  }
+}
+
+// ---- Integers alone ----------------------------------------------------------------
+void IntegersQz(benchmark::State& state) {
+  const Values& v = V();
+  char buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    benchmark::DoNotOptimize(
+        QZ_SNPRINTF_A(buf, sizeof buf, "%d %u %x %5d", v.ints[k], v.hex[k], v.hex[k], v.ints[k ^ 1]));
+    benchmark::ClobberMemory();
+  }
+}
+void IntegersLibc(benchmark::State& state) {
+  const Values& v = V();
+  char buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    benchmark::DoNotOptimize(snprintf(buf, sizeof buf, "%d %u %x %5d", v.ints[k], v.hex[k], v.hex[k], v.ints[k ^ 1]));
+    benchmark::ClobberMemory();
+  }
+}
+void IntegersFmt(benchmark::State& state) {
+  const Values& v = V();
+  char buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    auto r = fmt::format_to_n(buf, sizeof buf - 1, "{} {} {:x} {:5}", v.ints[k], v.hex[k], v.hex[k], v.ints[k ^ 1]);
+    *r.out = 0;
+    benchmark::DoNotOptimize(r.size);
+    benchmark::ClobberMemory();
+  }
+}
+
+// ---- Strings alone -----------------------------------------------------------------
+void StringsQz(benchmark::State& state) {
+  const Values& v = V();
+  char buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    benchmark::DoNotOptimize(
+        QZ_SNPRINTF_A(buf, sizeof buf, "[%s] %s -> %-12s|", v.names[k], v.names[k ^ 3], v.names[k ^ 5]));
+    benchmark::ClobberMemory();
+  }
+}
+void StringsLibc(benchmark::State& state) {
+  const Values& v = V();
+  char buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    benchmark::DoNotOptimize(
+        snprintf(buf, sizeof buf, "[%s] %s -> %-12s|", v.names[k], v.names[k ^ 3], v.names[k ^ 5]));
+    benchmark::ClobberMemory();
+  }
+}
+void StringsFmt(benchmark::State& state) {
+  const Values& v = V();
+  char buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    auto r = fmt::format_to_n(buf, sizeof buf - 1, "[{}] {} -> {:<12}|", v.names[k], v.names[k ^ 3], v.names[k ^ 5]);
+    *r.out = 0;
+    benchmark::DoNotOptimize(r.size);
+    benchmark::ClobberMemory();
+  }
+}
+
+// ---- Floats alone ------------------------------------------------------------------
+void FloatsQz(benchmark::State& state) {
+  const Values& v = V();
+  char buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    benchmark::DoNotOptimize(
+        QZ_SNPRINTF_A(buf, sizeof buf, "%f %.3e %g", v.reals[k], v.reals[k ^ 1], v.reals[k ^ 2]));
+    benchmark::ClobberMemory();
+  }
+}
+void FloatsLibc(benchmark::State& state) {
+  const Values& v = V();
+  char buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    benchmark::DoNotOptimize(snprintf(buf, sizeof buf, "%f %.3e %g", v.reals[k], v.reals[k ^ 1], v.reals[k ^ 2]));
+    benchmark::ClobberMemory();
+  }
+}
+void FloatsFmt(benchmark::State& state) {
+  const Values& v = V();
+  char buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    auto r = fmt::format_to_n(buf, sizeof buf - 1, "{:f} {:.3e} {:g}", v.reals[k], v.reals[k ^ 1], v.reals[k ^ 2]);
+    *r.out = 0;
+    benchmark::DoNotOptimize(r.size);
+    benchmark::ClobberMemory();
+  }
+}
+
+// ---- Measuring the log line ---------------------------------------------------------
+void MeasureQz(benchmark::State& state) {
+  const Values& v = V();
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    benchmark::DoNotOptimize(
+        QZ_SNPRINTF_A(nullptr, 0, "%s: %d items, %08x, %.3f", v.names[k], v.ints[k], v.hex[k], v.reals[k]));
+  }
+}
+void MeasureLibc(benchmark::State& state) {
+  const Values& v = V();
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    benchmark::DoNotOptimize(
+        snprintf(nullptr, 0, "%s: %d items, %08x, %.3f", v.names[k], v.ints[k], v.hex[k], v.reals[k]));
+  }
+}
+void MeasureFmt(benchmark::State& state) {
+  const Values& v = V();
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    benchmark::DoNotOptimize(
+        fmt::formatted_size("{}: {} items, {:08x}, {:.3f}", v.names[k], v.ints[k], v.hex[k], v.reals[k]));
+  }
+}
+
+// ---- Wide, for the record (no peer) ---------------------------------------------------
+void LogLineWideQz(benchmark::State& state) {
+  const Values& v = V();
+  static const unsigned short kFormat[] = {'%', 'h', 's', ':', ' ', '%', 'd', ' ', 'i', 't', 'e', 'm', 's', ',', ' ',
+                                           '%', '0', '8', 'x', ',', ' ', '%', '.', '3', 'f', 0};
+  unsigned short buf[256];
+  int i = 0;
+  for (auto _ : state) {
+    int k = i++ & (kValues - 1);
+    benchmark::DoNotOptimize(QZ_SNPRINTF_W(buf, 256, kFormat, v.names[k], v.ints[k], v.hex[k], v.reals[k]));
+    benchmark::ClobberMemory();
+  }
+}
+
+BENCHMARK(LogLineQz);
+BENCHMARK(LogLineLibc);
+BENCHMARK(LogLineFmt);
+BENCHMARK(IntegersQz);
+BENCHMARK(IntegersLibc);
+BENCHMARK(IntegersFmt);
+BENCHMARK(StringsQz);
+BENCHMARK(StringsLibc);
+BENCHMARK(StringsFmt);
+BENCHMARK(FloatsQz);
+BENCHMARK(FloatsLibc);
+BENCHMARK(FloatsFmt);
+BENCHMARK(MeasureQz);
+BENCHMARK(MeasureLibc);
+BENCHMARK(MeasureFmt);
+BENCHMARK(LogLineWideQz);
+
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& r : runs)
+      if (r.run_type == Run::RT_Iteration && !r.error_occurred) times_[r.benchmark_name()] = r.GetAdjustedCPUTime();
+  }
+  void Finalize() override {
+    ConsoleReporter::Finalize();
+    printf("\nSpeed of QZ_SNPRINTF_A relative to each peer (peer CPU time / qzbase CPU time; above 1 is faster)\n\n");
+    printf("  %-10s  %-10s  %-10s\n", "case", "snprintf", "{fmt}");
+    const char* cases[] = {"LogLine", "Integers", "Strings", "Floats", "Measure"};
+    for (const char* c : cases) {
+      std::string n(c);
+      printf("  %-10s  %-10s  %-10s\n", c, Ratio(n + "Libc", n + "Qz").c_str(), Ratio(n + "Fmt", n + "Qz").c_str());
+    }
+    printf("\n");
+  }
+
+ private:
+  std::string Ratio(const std::string& peer, const std::string& ours) const {
+    auto a = times_.find(peer), b = times_.find(ours);
+    if (a == times_.end() || b == times_.end() || b->second <= 0) return "-";
+    char buf[32];
+    snprintf(buf, sizeof buf, "%.2f", a->second / b->second);
+    return buf;
+  }
+  std::map<std::string, double> times_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return 0;
+}
