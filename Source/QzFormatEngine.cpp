@@ -271,6 +271,39 @@ size_t StoreConverted(const T* src, size_t len, size_t total, U* dst, size_t roo
 
 // ---- The two output modes -----------------------------------------------------
 
+// Most texts are a few units long; a call to memcpy for each costs more than
+// the copy. Overlapping fixed-size moves store exactly the bytes asked for.
+inline void CopyUnits(void* dst, const void* src, size_t bytes) {
+  char* d = static_cast<char*>(dst);
+  const char* s = static_cast<const char*>(src);
+  if (bytes > 32) {
+    std::memcpy(d, s, bytes);
+  } else if (bytes >= 16) {
+    char a[16], b[16];
+    std::memcpy(a, s, 16);
+    std::memcpy(b, s + bytes - 16, 16);
+    std::memcpy(d, a, 16);
+    std::memcpy(d + bytes - 16, b, 16);
+  } else if (bytes >= 8) {
+    uint64_t a, b;
+    std::memcpy(&a, s, 8);
+    std::memcpy(&b, s + bytes - 8, 8);
+    std::memcpy(d, &a, 8);
+    std::memcpy(d + bytes - 8, &b, 8);
+  } else if (bytes >= 4) {
+    uint32_t a, b;
+    std::memcpy(&a, s, 4);
+    std::memcpy(&b, s + bytes - 4, 4);
+    std::memcpy(d, &a, 4);
+    std::memcpy(d + bytes - 4, &b, 4);
+  } else if (bytes > 0) {
+    char a = s[0], b = s[bytes / 2], c = s[bytes - 1];
+    d[0] = a;
+    d[bytes / 2] = b;
+    d[bytes - 1] = c;
+  }
+}
+
 template <class U>
 inline void FillUnits(U* p, U c, size_t n) {
   for (size_t i = 0; i < n; ++i) p[i] = c;
@@ -306,13 +339,32 @@ struct StoreOut {
   bool Copy(const U* s, size_t n) {
     size_t room = static_cast<size_t>(end - p);
     if (n <= room) {
-      std::memcpy(p, s, n * sizeof(U));
+      CopyUnits(p, s, n * sizeof(U));
       p += n;
       return true;
     }
     std::memcpy(p, s, room * sizeof(U));
     p = end;
     return false;
+  }
+  // Plain text of the format up to the next '%' or its end, stored as it is
+  // read; `f` is left on the unit that stopped it.
+  bool Literal(const U*& f) {
+    U* q = p;
+    const U* s = f;
+    U c;
+    while ((c = *s) != 0 && c != '%') {
+      if (q == end) {
+        p = q;
+        f = s;
+        return false;
+      }
+      *q++ = c;
+      ++s;
+    }
+    p = q;
+    f = s;
+    return true;
   }
   template <class T>
   void Converted(const T* src, size_t n, size_t total, U* scratch) {
@@ -339,6 +391,13 @@ struct MeasureOut {
   }
   bool Copy(const U*, size_t k) {
     n += k;
+    return true;
+  }
+  bool Literal(const U*& f) {
+    const U* s = f;
+    while (*s != 0 && *s != '%') ++s;
+    n += static_cast<uint64_t>(s - f);
+    f = s;
     return true;
   }
   template <class T>
@@ -402,9 +461,7 @@ int Run(const U* f, QzFormatSink<U>* sink, va_list values) {
   U chr[4];
 
   for (;;) {
-    const U* run = f;
-    while (*f != 0 && *f != '%') ++f;
-    if (f != run && !out.Copy(run, static_cast<size_t>(f - run))) goto full;
+    if (!out.Literal(f)) goto full;
     if (*f == 0) break;
     ++f;
 
