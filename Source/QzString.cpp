@@ -74,7 +74,8 @@ using namespace qzstr;
 // that no C++ constructor or destructor of the library ever runs for them:
 // the load step below gives each its reference and its at-exit release, once.
 // The storage starts out on the record, so a copy made before the load step is
-// still valid.
+// still valid. The labels are the Itanium names of the two members (ELF on
+// i386 and x86-64); a Windows build names them its own way.
 extern "C++" {
 QZ_API char* g_qzEmptyNarrowStorage __asm__("_ZN13QzStringBaseTIcE5emptyE") =
     g_emptyRecord.chars.narrow;

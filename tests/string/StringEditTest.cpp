@@ -612,3 +612,46 @@ TEST(SelfTrimNarrow, HighBytesAreNotWhiteSpace) {
   w.selfTrimWhiteSpaceLeft().selfTrimWhiteSpaceRight();
   EXPECT_EQ(Text(w), L<unsigned short>("x"));
 }
+
+// ---- Out of memory, every allocating member --------------------------------------------------------------
+
+TYPED_TEST(BothWidths, EveryAllocatingMemberLeavesASharedStringAsItWas) {
+  typedef TypeParam T;
+  typedef typename QzStringT<T>::OtherCharType U;
+  const Model<T> ab = L<T>("ab"), xyz = L<T>("xyz");
+  const Model<U> otherWidth = L<U>("uv");
+  typedef void (*Edit)(QzStringT<T>&, const Model<T>&, const Model<T>&, const Model<U>&);
+  const Edit edits[] = {
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>& t, const Model<U>&) { s = t.c_str(); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>&, const Model<U>& u) { s = u.c_str(); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>& t, const Model<U>&) { s += t.c_str(); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>&, const Model<U>& u) { s += u.c_str(); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>& t, const Model<U>&) { s.insert(1, t.c_str(), 3u); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>&, const Model<U>& u) { s.insert(1, u.c_str(), 2u); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>&, const Model<U>&) { s.erase(1, 1); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>&, const Model<U>&) { s.erase(1, 0xFFFFFFFFu); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>&, const Model<U>&) { s.remove(static_cast<T>('a')); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>&, const Model<U>&) { s.removeIgnoreCase(static_cast<T>('A')); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>&, const Model<U>&) { s.replace(static_cast<T>('a'), static_cast<T>('q')); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>&, const Model<U>&) { s.replaceIgnoreCase(static_cast<T>('A'), static_cast<T>('q')); },
+      [](QzStringT<T>& s, const Model<T>& f, const Model<T>& t, const Model<U>&) { s.replace(f.c_str(), 2u, t.c_str(), 3u); },
+      [](QzStringT<T>& s, const Model<T>& f, const Model<T>& t, const Model<U>&) { s.replace(f.c_str(), 2u, t.c_str(), 2u); },
+      [](QzStringT<T>& s, const Model<T>& f, const Model<T>& t, const Model<U>&) { s.replaceIgnoreCase(f.c_str(), 2u, t.c_str(), 1u); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>&, const Model<U>&) { s.selfTrimWhiteSpaceLeft(); },
+      [](QzStringT<T>& s, const Model<T>&, const Model<T>&, const Model<U>&) { s.selfTrimWhiteSpaceRight(); },
+  };
+  unsigned i = 0;
+  for (Edit edit : edits) {
+    SCOPED_TRACE(i++);
+    QzStringT<T> s = Make<T>(" abab ");
+    QzStringT<T> other(s);
+    const T* block = s.c_str();
+    {
+      FailNextAlloc f;
+      EXPECT_OUT_OF_MEMORY(edit(s, ab, xyz, otherWidth));
+    }
+    EXPECT_EQ(s.c_str(), block);
+    EXPECT_EQ(Refs(s), 2);
+    EXPECT_EQ(Text(s), L<T>(" abab "));
+  }
+}
