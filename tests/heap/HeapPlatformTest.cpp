@@ -1,6 +1,8 @@
 // The memory calls of the platform layer, the spin lock, and the parameters.
 #include <string.h>
 
+#include <mutex>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -196,6 +198,53 @@ TEST(HeapThreads, OneHeapManyThreads) {
   EXPECT_HEAP_OK(h);
   const QzHeapCheckReport r = Report(h);
   EXPECT_EQ(1u, r.inUseChunks - r.closedSegments);  // the heap record, and records of closed segments
+}
+
+TEST(HeapThreads, BlocksHandedBetweenThreads) {
+  ScopedHeap h;
+  std::mutex m;
+  std::vector<unsigned char*> shared;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      std::mt19937 rng(t + 1);
+      for (int i = 0; i < 3000; ++i) {
+        const size_t n = 16 + rng() % (i % 50 == 0 ? 300000 : 2000);
+        unsigned char* p = static_cast<unsigned char*>(
+            i % 7 == 0 ? QzHeapAlignedAlloc(h, 64, n) : QzHeapAlloc(h, n));
+        ASSERT_NE(nullptr, p);
+        p[0] = static_cast<unsigned char>(n);
+        p[n - 1] = static_cast<unsigned char>(n >> 8);
+        if (i % 5 == 0) {
+          unsigned char* q = static_cast<unsigned char*>(QzHeapRealloc(h, p, n + 100));
+          ASSERT_NE(nullptr, q);
+          ASSERT_EQ(static_cast<unsigned char>(n), q[0]);
+          QzHeapFree(q);
+          continue;
+        }
+        unsigned char* other = nullptr;
+        {
+          std::lock_guard<std::mutex> hold(m);
+          shared.push_back(p);
+          if (shared.size() > 64) {
+            const size_t k = rng() % shared.size();
+            other = shared[k];
+            shared[k] = shared.back();
+            shared.pop_back();
+          }
+        }
+        if (other != nullptr) {
+          ASSERT_GE(QzBlockUsableSize(other), 16u);
+          QzHeapFree(other);  // most often made by another thread
+        }
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  for (unsigned char* p : shared) QzHeapFree(p);
+  EXPECT_HEAP_OK(h);
+  const QzHeapCheckReport r = Report(h);
+  EXPECT_EQ(1u, r.inUseChunks - r.closedSegments);
 }
 
 }  // namespace
