@@ -122,8 +122,30 @@ void PrintSamples() {
   Row("", "(own text readable, own text writable, null readable)");
 }
 
+// ---- Strings -------------------------------------------------------------------------
+void PrintStrings() {
+  Heading("Strings");
+  char line[128];
+  snprintf(line, sizeof line, "%u bytes (one pointer)", static_cast<unsigned>(sizeof(QzStringA)));
+  Row("sizeof(QzStringA)", line);
+  QzStringA text("1234567");
+  QzStringA copy(text);
+  snprintf(line, sizeof line, "%s", copy.c_str() == text.c_str() ? "yes, no allocation" : "no");
+  Row("a copy shares the block", line);
+  unsigned before = text.capacity();
+  text += '8';
+  snprintf(line, sizeof line, "%u -> %u (blocks grow in steps of 8)", before, text.capacity());
+  Row("capacity at 7 -> 8 chars", line);
+  QzStringW wide("h\xC3\xA9llo \xE2\x82\xAC");
+  QzStringA back(wide);
+  snprintf(line, sizeof line, "\"%s\": %u UTF-16 units, %u bytes back", back.c_str(), wide.length(),
+           back.length());
+  Row("between the widths", line);
+  Row("text of 0x8007000E", QzStringA::GetWin32Error(static_cast<HRESULT>(0x8007000Eu)).c_str());
+}
+
 typedef void (*Section)();
-const Section kSections[] = {&PrintProcessor, &PrintPrimitives, &PrintSamples};
+const Section kSections[] = {&PrintProcessor, &PrintPrimitives, &PrintSamples, &PrintStrings};
 
 }  // namespace
 
