@@ -38,11 +38,11 @@ inline void* PoolAlloc(QzMempool* pool, size_t* size, bool* fromCache) {
 }
 
 inline bool IsDirectlyMapped(const void* block) {
-  return (QzBlockToChunk(block)->sizeWord & QZ_INUSE_BITS) == 0;
+  return (QzPoolSizeWord(block) & QZ_INUSE_BITS) == 0;
 }
 
 inline void PoolFree(QzMempool* pool, void* block) {
-  const size_t usable = QzBlockUsableSize(block);
+  const size_t usable = QzPoolUsableSize(block);
   QzThreadCache* cache;
   int32_t heapIndex;
   QzPoolThreadState(QzResolvePool(pool), &cache, &heapIndex);
@@ -155,7 +155,7 @@ QZ_API void* Qz_MempoolRealloc(QzMempool* pool, void* block, size_t size) {
   int32_t heapIndex;
   QzPoolThreadState(pool, &cache, &heapIndex);
   if (cache != nullptr && size <= QZ_CACHE_MAX_REQUEST) {
-    const size_t old = QzBlockUsableSize(block);
+    const size_t old = QzPoolUsableSize(block);
     void* fresh = QzCacheTake(cache, &size);
     if (fresh != nullptr) {
       memcpy(fresh, block, old < size ? old : size);
@@ -169,13 +169,13 @@ QZ_API void* Qz_MempoolRealloc(QzMempool* pool, void* block, size_t size) {
   }
   // The block's own heap, whatever the pool handle says. A block flagged free
   // has no footer to follow.
-  if (!QzBlockLooksInUse(block)) return nullptr;
+  if ((QzPoolSizeWord(block) & QZ_INUSE_BITS) == QZ_PREV_INUSE) return nullptr;
   QzHeap* heap = QzBlockOwnerHeap(block);
   if (heap == nullptr) return nullptr;
   return QzHeapRealloc(heap, block, size);
 }
 
-QZ_API size_t Qz_MemblkSize(void* block) { return QzBlockUsableSize(block); }
+QZ_API size_t Qz_MemblkSize(void* block) { return QzPoolUsableSize(block); }
 
 QZ_API void Qz_MempoolSetValue(QzMempool* pool, uintptr_t value) {
   QzResolvePool(pool)->value.store(value, std::memory_order_relaxed);

@@ -54,6 +54,23 @@ inline QzMempool* QzResolvePool(QzMempool* pool) {
   return &g_qzDefaultPool;
 }
 
+// The size word of a live block, read without the heap's lock. Its size bits
+// only change in calls made by the block's owner; bit 0 (the previous chunk in
+// use) is rewritten by the heap, under its lock, whenever the chunk in front
+// is allocated or freed, possibly on another thread. A relaxed word load sees
+// either value, and the readers below never look at that bit.
+inline size_t QzPoolSizeWord(const void* block) {
+  return __atomic_load_n(&QzBlockToChunk(block)->sizeWord, __ATOMIC_RELAXED);
+}
+// Usable bytes of a block, as Qz_MemblkSize gives them: 0 for null or a chunk
+// flagged free.
+inline size_t QzPoolUsableSize(const void* block) {
+  if (block == nullptr) return 0;
+  const size_t w = QzPoolSizeWord(block);
+  if ((w & QZ_INUSE_BITS) == QZ_PREV_INUSE) return 0;
+  return (w & ~QZ_FLAG_BITS) - QZ_CHUNK_OVERHEAD;
+}
+
 // The fatal exit of the pools (RaiseException 0xC0000017, noncontinuable).
 [[noreturn]] void QzPoolFatal();
 

@@ -153,7 +153,7 @@ TEST(PoolStress, ThreadsShareBlocksAndThePoolEndsAfterThem) {
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t) {
       workers.emplace_back([&, t] {
-        Churn(pool, 1000u * threads + t, 12000, &lock, &exchange, &errors);
+        Churn(pool, 1000u * threads + t, 12000, &lock, &exchange, &errors, 499);
         if (t % 2) Qz_MempoolDisableThreadCache(pool);  // the others leave theirs to the pool's end
       });
     }
