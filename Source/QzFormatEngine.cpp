@@ -143,6 +143,13 @@ U* QzFormatPow2_64(uint64_t value, unsigned bits, U conversion, U* end) {
 
 // ---- Floating text helpers ------------------------------------------------------
 
+// The truncation slot is filled while the library loads; a static
+// initialiser that formats a float before then gets the same rounding here.
+int TruncateBeforeLoad(double v) {
+  if (!(v > -2147483649.0 && v < 2147483648.0)) return INT_MIN;
+  return static_cast<int>(v);
+}
+
 // Brings a magnitude at or above 2^31 below it by a power of ten and returns
 // that power, so that the 32-bit split of the digit generator can take it.
 // Exact powers up to 10^22 keep the rounding error to a few units in the last
@@ -775,7 +782,8 @@ int QzFormatDigits(double value, int ndigit, bool emode, char* buf, int* decptOu
   }
   *negativeOut = negative;
 
-  int (*const truncate)(double) = Qz_Truncate;
+  int (*truncate)(double) = Qz_Truncate;
+  if (truncate == nullptr) truncate = &TruncateBeforeLoad;
   int decpt = 0;
   if (value >= kTwo31) decpt = ScaleBelowTwo31(&value);
 

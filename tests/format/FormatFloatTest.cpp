@@ -6,6 +6,8 @@
 #include <limits>
 #include <string>
 
+#include <qzbase/QzFrame.h>
+
 #include "FormatCheck.h"
 #include "QzFormatEngine.h"
 
@@ -184,6 +186,15 @@ TEST(FormatFloat, TinyMagnitudes) {
   ExpectBoth(s, "%e", 4.9406564584124654e-324);
   ExpectBoth("0.000000", "%f", 4.9406564584124654e-324);
   ExpectBoth("-0.000000", "%f", -1e-30);
+}
+
+// A static initialiser may format before the load code fills the slots.
+TEST(FormatFloat, WorksBeforeTheSlotsAreFilled) {
+  int (*saved)(double) = Qz_Truncate;
+  Qz_Truncate = nullptr;
+  std::string s = FormatA("%.3f|%g|%e", 3.14159, 1e20, -2.5);
+  Qz_Truncate = saved;
+  EXPECT_EQ("3.142|1.e+20|-2.500000e+00", s);
 }
 
 // Other conversions read their values from the right place after a double.
