@@ -26,25 +26,6 @@ TEST(FormatContract, EmptyAndPlainText) {
   ExpectBoth("h\xC3\xA9llo w\xC3\xB6rld", "h\xC3\xA9llo w\xC3\xB6rld");
 }
 
-TEST(FormatContract, CountOneStoresOnlyTheTerminator) {
-  char b[4] = {'x', 'x', 'x', 'x'};
-  EXPECT_EQ(0, QZ_SNPRINTF_A(b, 1, "%d", 12345));
-  EXPECT_EQ('\0', b[0]);
-  EXPECT_EQ('x', b[1]);
-  unsigned short w[2] = {7, 7};
-  WString f = W("abc");
-  EXPECT_EQ(0, QZ_SNPRINTF_W(w, 1, f.c_str()));
-  EXPECT_EQ(0, w[0]);
-  EXPECT_EQ(7, w[1]);
-}
-
-TEST(FormatContract, MeasuringTakesANullBuffer) {
-  EXPECT_EQ(11, QZ_SNPRINTF_A(nullptr, 0, "%s=%05d", "abcde", 7));
-  WString f = W("%s=%05d");
-  WString s = W("abcde");
-  EXPECT_EQ(11, QZ_SNPRINTF_W(nullptr, 0, f.c_str(), s.c_str(), 7));
-}
-
 TEST(FormatContract, NullFormatIsEmpty) {
   char b[4] = {'x', 'x', 'x', 'x'};
   EXPECT_EQ(0, QZ_SNPRINTF_A(b, 4, nullptr));
