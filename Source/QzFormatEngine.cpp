@@ -66,8 +66,61 @@ const char kDigitPairs[] =
     "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
     "8081828384858687888990919293949596979899";
 
+// Narrow text of up to eight digits is assembled in a register and stored at
+// once: the copy that follows reads it back, and a read that spans several
+// small stores waits for all of them (no store forwarding), while one that
+// lies within a single store does not.
+inline char* NarrowDigitsInWord(uint32_t v, char* end) {
+  uint64_t w = 0;
+  unsigned filled = 0;
+  while (v >= 100) {
+    unsigned r = v % 100;
+    v /= 100;
+    uint16_t pair;
+    std::memcpy(&pair, kDigitPairs + 2 * r, 2);
+    filled += 2;
+    w |= static_cast<uint64_t>(pair) << (64 - 8 * filled);
+  }
+  if (v >= 10) {
+    uint16_t pair;
+    std::memcpy(&pair, kDigitPairs + 2 * v, 2);
+    filled += 2;
+    w |= static_cast<uint64_t>(pair) << (64 - 8 * filled);
+  } else {
+    filled += 1;
+    w |= static_cast<uint64_t>('0' + v) << (64 - 8 * filled);
+  }
+  std::memcpy(end - 8, &w, 8);
+  return end - filled;
+}
+
+inline char* NarrowHexInWord(uint32_t v, const char* digits, unsigned bits, char* end) {
+  const uint32_t mask = (1u << bits) - 1;
+  uint64_t w = 0;
+  unsigned filled = 0;
+  do {
+    ++filled;
+    w |= static_cast<uint64_t>(static_cast<unsigned char>(digits[v & mask])) << (64 - 8 * filled);
+    v >>= bits;
+  } while (v != 0 && filled < 8);
+  if (v != 0) {  // octal of more than eight digits
+    std::memcpy(end - 8, &w, 8);
+    end -= 8;
+    do {
+      *--end = digits[v & mask];
+      v >>= bits;
+    } while (v != 0);
+    return end;
+  }
+  std::memcpy(end - 8, &w, 8);
+  return end - filled;
+}
+
 template <class U>
 inline U* Decimal32Digits(uint32_t v, U* end) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  if (sizeof(U) == 1 && v < 100000000u) return reinterpret_cast<U*>(NarrowDigitsInWord(v, reinterpret_cast<char*>(end)));
+#endif
   while (v >= 100) {
     unsigned r = v % 100;
     v /= 100;
@@ -121,6 +174,9 @@ U* QzFormatDecimal64(uint64_t value, bool isUnsigned, U* end, bool* negative) {
 template <class U>
 U* QzFormatPow2_32(uint32_t value, unsigned bits, U conversion, U* end) {
   const char* digits = conversion == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+  if (sizeof(U) == 1) return reinterpret_cast<U*>(NarrowHexInWord(value, digits, bits, reinterpret_cast<char*>(end)));
+#endif
   const uint32_t mask = (1u << bits) - 1;
   do {
     *--end = static_cast<U>(digits[value & mask]);
