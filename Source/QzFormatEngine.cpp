@@ -378,7 +378,6 @@ inline void FillUnits(char* p, char c, size_t n) { std::memset(p, c, n); }
 // of the run) did not fit; what did fit has been stored.
 template <class U>
 struct StoreOut {
-  static const bool kMeasure = false;
   U* p;
   U* end;
   U* start;
@@ -441,7 +440,6 @@ struct StoreOut {
 // saturated at INT_MAX when the engine ends.
 template <class U>
 struct MeasureOut {
-  static const bool kMeasure = true;
   uint64_t n;
   explicit MeasureOut(QzFormatSink<U>*) : n(0) {}
   bool Put(U) {
@@ -493,14 +491,14 @@ bool EmitOtherWidth(Out& out, const T* src, size_t n, bool hasWidth, bool left, 
 enum SizeClass { kSizeInt, kSizeShort, kSizeLong, kSizeQuad };
 
 template <class U>
-struct Literals;
+struct UnitTraits;
 template <>
-struct Literals<char> {
+struct UnitTraits<char> {
   typedef WideUnit Other;
   static const SizeClass kCapitalSize = kSizeLong;
 };
 template <>
-struct Literals<WideUnit> {
+struct UnitTraits<WideUnit> {
   typedef char Other;
   static const SizeClass kCapitalSize = kSizeShort;
 };
@@ -512,7 +510,7 @@ inline bool IsI64(const U* f) {
 
 template <class U, class Out>
 int Run(const U* f, QzFormatSink<U>* sink, va_list values) {
-  typedef typename Literals<U>::Other Other;
+  typedef typename UnitTraits<U>::Other Other;
   static const U kNull[] = {'(', 'n', 'u', 'l', 'l', ')'};
   static const U kNan[] = {'n', 'a', 'n'};
   static const U kInf[] = {'i', 'n', 'f'};
@@ -591,7 +589,7 @@ int Run(const U* f, QzFormatSink<U>* sink, va_list values) {
         ++f;
         size = kSizeShort;
       } else if (c == 'C' || c == 'S') {
-        size = Literals<U>::kCapitalSize;
+        size = UnitTraits<U>::kCapitalSize;
       }
 
       c = *f;
@@ -819,9 +817,9 @@ int Run(const U* f, QzFormatSink<U>* sink, va_list values) {
   return SaturatedCount(out.Count());
 
 full:
+  // The flush has nowhere to put the text, so the engine stops here.
   out.Close(sink);
-  if (QzFormatFlush(sink) != 0) return -1;
-  return -1;
+  return QzFormatFlush(sink);
 }
 
 }  // namespace
