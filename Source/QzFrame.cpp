@@ -18,12 +18,12 @@ SYSTEM_INFO g_systemInfo;
 // The trace is filled from constructors, before any allocator may be ready,
 // so it is a fixed array of fixed texts.
 constexpr size_t kTraceCapacity = 64;
-const char* g_trace[kTraceCapacity];
+std::atomic<const char*> g_trace[kTraceCapacity];
 std::atomic<size_t> g_traceCount{0};
 
 void Trace(const char* step) {
   size_t at = g_traceCount.fetch_add(1, std::memory_order_relaxed);
-  if (at < kTraceCapacity) g_trace[at] = step;
+  if (at < kTraceCapacity) g_trace[at].store(step, std::memory_order_release);
 }
 
 void Attach(HMODULE module) {
@@ -97,7 +97,10 @@ int QzLoadEntry(HMODULE module, DWORD reason, LPVOID) {
 size_t QzFrameTrace(const char** out, size_t max) {
   size_t count = g_traceCount.load(std::memory_order_relaxed);
   if (count > kTraceCapacity) count = kTraceCapacity;
-  for (size_t i = 0; i < count && i < max; ++i) out[i] = g_trace[i];
+  for (size_t i = 0; i < count && i < max; ++i) {
+    const char* step = g_trace[i].load(std::memory_order_acquire);
+    out[i] = step != nullptr ? step : "";  // claimed by a thread that has not written it yet
+  }
   return count;
 }
 
