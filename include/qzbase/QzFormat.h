@@ -42,8 +42,9 @@
 // Ownership: the caller owns `buffer`, `format` and every argument; nothing
 // is kept after the call. No heap memory is used.
 // Threads: reentrant; any number of threads may call at once.
-// Failures: there is no error result. Text of the other width that the code
-// page cannot convert gives no units.
+// Failures: there is no error result. Characters of the other width that the
+// code page lacks become its default character ('?'); a conversion that fails
+// outright gives no units.
 #ifndef QZBASE_QZFORMAT_H
 #define QZBASE_QZFORMAT_H
 
