@@ -93,7 +93,12 @@ inline void Retain(const void* chars) {
 }
 inline void Release(const void* chars) {
   QzInternalStringData* h = Header(chars);
-  if (__atomic_sub_fetch(&h->refCount, 1, __ATOMIC_SEQ_CST) == 0) Qz_MempoolFree(0, h);
+  // A count of 1 is our own reference: nobody else can reach the block to
+  // raise it, so the last owner frees without the locked decrement. The
+  // acquire pairs with the decrements of the owners that went before.
+  if (__atomic_load_n(&h->refCount, __ATOMIC_ACQUIRE) == 1 ||
+      __atomic_sub_fetch(&h->refCount, 1, __ATOMIC_SEQ_CST) == 0)
+    Qz_MempoolFree(0, h);
 }
 // The sole-owner test. Only the object's own thread can raise a count of 1,
 // so a single load decides; acquire so that the other owners' last reads of a
