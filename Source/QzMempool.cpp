@@ -13,6 +13,16 @@ QzMempool g_qzDefaultPool;
 
 namespace {
 
+// The calling thread's cache in the default pool, noted by the slow paths once
+// the thread has one. Every string and log line allocates there, and the note
+// saves the slot look-up on that path. Cleared when the thread gives its cache
+// up; the default pool itself never goes away.
+thread_local QzThreadCache* t_defaultCache __attribute__((tls_model("initial-exec"))) = nullptr;
+
+inline void NoteCache(const QzMempool* pool, QzThreadCache* cache) {
+  if (pool == &g_qzDefaultPool) t_defaultCache = cache;
+}
+
 inline bool PoolAllocFails() { return QzFaultHit(QZ_FAULT_POOL_ALLOC); }
 
 inline size_t RaiseRequest(size_t size) { return size < QZ_MEMPOOL_MIN_REQUEST ? QZ_MEMPOOL_MIN_REQUEST : size; }
@@ -41,16 +51,70 @@ inline bool IsDirectlyMapped(const void* block) {
   return (QzPoolSizeWord(block) & QZ_INUSE_BITS) == 0;
 }
 
-inline void PoolFree(QzMempool* pool, void* block) {
+inline bool CacheableOnFree(size_t usable) {
+  return usable - QZ_CACHE_MIN_CLASS <= QZ_CACHE_MAX_PUT - QZ_CACHE_MIN_CLASS;
+}
+
+// The fast paths below handle a thread that already has its cache in a pool
+// that is set up; everything else, and every miss, goes to these, which are
+// kept out of line so that the fast paths need no stack frame.
+__attribute__((noinline)) void* AllocSlow(QzMempool* pool, size_t size) {
+  size = RaiseRequest(size);
+  bool fromCache;
+  pool = QzResolvePool(pool);
+  void* block = PoolAlloc(pool, &size, &fromCache);
+  const intptr_t v = QzPoolSlotValue(pool);
+  if (v > 0) NoteCache(pool, pool->caches[v - 1].load(std::memory_order_relaxed));
+  return block;
+}
+
+__attribute__((noinline)) void* AllocFromHeap(QzMempool* pool, QzThreadCache* cache, size_t size) {
+  int32_t heapIndex = cache->heapIndex;
+  QzHeap* heap = QzPoolLockHeap(pool, cache, &heapIndex, size);
+  void* block = QzHeapAlloc(heap, size);
+  QzSpinLockRelease(&heap->lock);
+  return block;
+}
+
+__attribute__((noinline)) void FreeSlow(QzMempool* pool, void* block) {
   const size_t usable = QzPoolUsableSize(block);
+  pool = QzResolvePool(pool);
   QzThreadCache* cache;
   int32_t heapIndex;
-  QzPoolThreadState(QzResolvePool(pool), &cache, &heapIndex);
-  if (cache != nullptr && usable - QZ_CACHE_MIN_CLASS <= QZ_CACHE_MAX_PUT - QZ_CACHE_MIN_CLASS) {
+  QzPoolThreadState(pool, &cache, &heapIndex);
+  if (cache != nullptr) NoteCache(pool, cache);
+  if (cache != nullptr && CacheableOnFree(usable)) {
     QzCachePut(pool, cache, block, usable);
   } else {
     QzHeapFree(block);
   }
+}
+
+// The calling thread's cache in `pool` (0: the default pool), or null when
+// the slow path has to decide.
+inline QzThreadCache* ReadyCache(QzMempool** pool) {
+  QzMempool* p = *pool;
+  if (p == nullptr) {
+    *pool = &g_qzDefaultPool;
+    return t_defaultCache;
+  }
+  const intptr_t v = QzPoolSlotValue(p);
+  if (__builtin_expect(v <= 0, 0)) return nullptr;
+  *pool = p;
+  return p->caches[v - 1].load(std::memory_order_relaxed);
+}
+
+inline void PoolFree(QzMempool* pool, void* block) {
+  QzMempool* p = pool;
+  QzThreadCache* cache = ReadyCache(&p);
+  if (__builtin_expect(cache != nullptr, 1)) {
+    const size_t usable = QzPoolUsableSize(block);
+    if (__builtin_expect(CacheableOnFree(usable), 1)) {
+      QzCachePut(p, cache, block, usable);
+      return;
+    }
+  }
+  FreeSlow(pool, block);
 }
 
 }  // namespace
@@ -116,9 +180,17 @@ QZ_API void Qz_DestroyMempool(QzMempool* pool) {
 
 QZ_API void* Qz_MempoolAlloc(QzMempool* pool, size_t size) {
   if (PoolAllocFails()) return nullptr;
-  size = RaiseRequest(size);
-  bool fromCache;
-  return PoolAlloc(QzResolvePool(pool), &size, &fromCache);
+  if (__builtin_expect(size <= QZ_CACHE_MAX_REQUEST, 1)) {
+    QzMempool* p = pool;
+    QzThreadCache* cache = ReadyCache(&p);
+    if (__builtin_expect(cache != nullptr, 1)) {
+      size = RaiseRequest(size);
+      void* block = QzCacheTake(cache, &size);
+      if (__builtin_expect(block != nullptr, 1)) return block;
+      return AllocFromHeap(p, cache, size);
+    }
+  }
+  return AllocSlow(pool, size);
 }
 
 QZ_API void* Qz_MempoolCalloc(QzMempool* pool, size_t count, size_t size) {
@@ -235,6 +307,7 @@ QZ_API void Qz_MempoolDisableThreadCache(QzMempool* pool) {
     QzPoolStoreSlotValue(pool, -1);
   } else if (v > 0) {
     QzThreadCache* cache = pool->caches[v - 1].load(std::memory_order_relaxed);
+    NoteCache(pool, nullptr);
     QzPoolStoreSlotValue(pool, -(intptr_t(cache->heapIndex) + 1));
     QzCacheDestroy(pool, unsigned(v - 1));
   }

@@ -74,7 +74,7 @@ inline unsigned QzCacheBinDown(size_t usable) {
 // TLS slot values of a pool: 0 unseen, v > 0 cache caches[v - 1], v < 0 no
 // cache and heap -v - 1.
 inline intptr_t QzPoolSlotValue(const QzMempool* pool) {
-  return reinterpret_cast<intptr_t>(qzsys::TlsGetValue(pool->tlsSlot));
+  return reinterpret_cast<intptr_t>(qzsys::QzTlsPeekValue(pool->tlsSlot));
 }
 // Stores a slot value; a failure is fatal (RaiseException 0xC0000017).
 void QzPoolStoreSlotValue(QzMempool* pool, intptr_t value);

@@ -185,7 +185,12 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& r : runs) {
       auto it = r.counters.find("items_per_second");
-      if (it != r.counters.end()) rates[r.benchmark_name()] = it->second.value;
+      if (it == r.counters.end()) continue;
+      std::string name = r.benchmark_name();
+      const std::string suffix = "/real_time";
+      if (name.size() > suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
+        name.resize(name.size() - suffix.size());
+      rates[name] = it->second.value;
     }
     ConsoleReporter::ReportRuns(runs);
   }

@@ -2,11 +2,14 @@
 // TlsSetValue with the Windows results.
 //
 // Every pool owns one slot, and every allocation of a cached pool reads it, so
-// TlsGetValue is inline and costs one initial-exec TLS load, a bounds test and
-// a generation compare. Each thread keeps its values in a table of
-// QZ_TLS_SLOT_COUNT entries, made at the thread's first TlsSetValue and given
-// back when the thread ends; a thread that never stored has no table and
-// reads 0 everywhere.
+// TlsGetValue is inline. The first QZ_TLS_FAST_SLOTS slots live in the static
+// TLS block itself (one initial-exec load and a generation compare); the
+// others in a per-thread table of QZ_TLS_SLOT_COUNT entries, made at the
+// thread's first TlsSetValue of such a slot and given back when the thread
+// ends. A thread that never stored reads 0 everywhere. Slots are handed out
+// lowest first, so the default pool's slot is normally a fast one. The static
+// TLS cost stays small (136 bytes on x86-64), so the library can still be
+// loaded late with dlopen.
 //
 // TlsFree makes the slot read 0 in every thread: it bumps the slot's
 // generation, and an entry stored under an older generation reads as 0. So a
@@ -35,6 +38,7 @@ namespace qzsys {
 constexpr DWORD TLS_OUT_OF_INDEXES = 0xFFFFFFFFu;
 constexpr DWORD ERROR_NO_MORE_ITEMS = 259;
 constexpr DWORD QZ_TLS_SLOT_COUNT = 256;
+constexpr DWORD QZ_TLS_FAST_SLOTS = 8;
 
 // One value of one thread, valid only while `generation` matches the slot's.
 struct QzTlsEntry {
@@ -44,10 +48,11 @@ struct QzTlsEntry {
 
 // Generation of each slot, raised by TlsFree.
 extern std::atomic<uintptr_t> g_qzTlsGeneration[QZ_TLS_SLOT_COUNT];
-// The calling thread's table, null until it first stores a value. Initial-exec
-// keeps the read a single instruction; the library's static TLS stays one word,
-// so the library can still be loaded late with dlopen.
-extern thread_local QzTlsEntry* t_qzTlsTable __attribute__((tls_model("initial-exec")));
+// The calling thread's values of the fast slots, and its table for the others
+// (null until it first stores into one of them). `__thread` rather than
+// thread_local: plain data needs no initialisation check on each read.
+extern __thread QzTlsEntry t_qzTlsFast[QZ_TLS_FAST_SLOTS] __attribute__((tls_model("initial-exec")));
+extern __thread QzTlsEntry* t_qzTlsTable __attribute__((tls_model("initial-exec")));
 
 // A free slot, or TLS_OUT_OF_INDEXES.
 DWORD TlsAlloc();
@@ -62,11 +67,31 @@ BOOL TlsSetValue(DWORD index, LPVOID value);
 // slot was allocated. An index out of range gives 0 and ERROR_INVALID_PARAMETER.
 LPVOID QzTlsGetValueSlow(DWORD index);
 inline LPVOID TlsGetValue(DWORD index) {
-  QzTlsEntry* table = t_qzTlsTable;
-  if (__builtin_expect(table == nullptr || index >= QZ_TLS_SLOT_COUNT, 0)) return QzTlsGetValueSlow(index);
-  const QzTlsEntry& e = table[index];
-  if (__builtin_expect(e.generation != g_qzTlsGeneration[index].load(std::memory_order_relaxed), 0)) return nullptr;
-  return e.value;
+  const QzTlsEntry* e;
+  if (__builtin_expect(index < QZ_TLS_FAST_SLOTS, 1)) {
+    e = &t_qzTlsFast[index];
+  } else {
+    QzTlsEntry* table = t_qzTlsTable;
+    if (table == nullptr || index >= QZ_TLS_SLOT_COUNT) return QzTlsGetValueSlow(index);
+    e = &table[index];
+  }
+  if (__builtin_expect(e->generation != g_qzTlsGeneration[index].load(std::memory_order_relaxed), 0)) return nullptr;
+  return e->value;
+}
+
+// The same value for a valid slot, without the last error of a bad index (which
+// reads 0 here too): a variant that never calls out, for the pools' fast paths.
+inline LPVOID QzTlsPeekValue(DWORD index) {
+  const QzTlsEntry* e;
+  if (__builtin_expect(index < QZ_TLS_FAST_SLOTS, 1)) {
+    e = &t_qzTlsFast[index];
+  } else {
+    QzTlsEntry* table = t_qzTlsTable;
+    if (table == nullptr || index >= QZ_TLS_SLOT_COUNT) return nullptr;
+    e = &table[index];
+  }
+  if (__builtin_expect(e->generation != g_qzTlsGeneration[index].load(std::memory_order_relaxed), 0)) return nullptr;
+  return e->value;
 }
 
 }  // namespace qzsys

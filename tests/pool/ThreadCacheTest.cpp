@@ -392,3 +392,24 @@ TEST_F(ThreadCache, HeapLimitStopsAdditionsAndTheThreadWaits) {
   Qz_MempoolFree(three, b);
   Qz_DestroyMempool(three);
 }
+
+TEST(ThreadCacheDefaultPool, DisablingEndsTheFastPathToo) {
+  OnNewThread([] {
+    void* b = Qz_MempoolAlloc(nullptr, 100);
+    Qz_MempoolFree(nullptr, b);
+    EXPECT_EQ(Qz_MempoolAlloc(nullptr, 100), b);  // a hit
+    Qz_MempoolFree(nullptr, b);
+    QzThreadCache* c = MyCache(nullptr);
+    ASSERT_NE(c, nullptr);
+    const uint32_t hits = c->hits;
+    EXPECT_EQ(Qz_MempoolAlloc(nullptr, 100), b);
+    EXPECT_EQ(c->hits, hits + 1);
+    Qz_MempoolFree(nullptr, b);
+    Qz_MempoolDisableThreadCache(nullptr);
+    EXPECT_EQ(MyCache(nullptr), nullptr);
+    void* u = Qz_MempoolAlloc(nullptr, 100);
+    EXPECT_LT(Qz_MemblkSize(u), 128u);
+    Qz_MempoolFree(nullptr, u);
+    EXPECT_EQ(Qz_MemblkSize(u), 0u);  // straight back to the heap
+  });
+}

@@ -124,3 +124,24 @@ TEST(PlatformTls, ManyThreadsEachKeepTheirOwnValue) {
   EXPECT_EQ(bad.load(), 0);
   TlsFree(slot);
 }
+
+TEST(PlatformTls, SlotsInTheThreadTableBehaveAsTheFastOnes) {
+  std::vector<DWORD> held;
+  DWORD slot;
+  while ((slot = TlsAlloc()) < QZ_TLS_FAST_SLOTS) held.push_back(slot);
+  ASSERT_NE(slot, TLS_OUT_OF_INDEXES);
+  std::thread([slot] {
+    EXPECT_EQ(TlsGetValue(slot), nullptr);  // no table yet on this thread
+    EXPECT_TRUE(TlsSetValue(slot, P(9)));
+    EXPECT_EQ(TlsGetValue(slot), P(9));
+  }).join();
+  EXPECT_EQ(TlsGetValue(slot), nullptr);
+  ASSERT_TRUE(TlsSetValue(slot, P(10)));
+  ASSERT_TRUE(TlsFree(slot));
+  EXPECT_EQ(TlsGetValue(slot), nullptr);
+  EXPECT_EQ(TlsAlloc(), slot);
+  EXPECT_EQ(TlsGetValue(slot), nullptr);
+  EXPECT_EQ(QzTlsPeekValue(slot), nullptr);
+  TlsFree(slot);
+  for (DWORD s : held) TlsFree(s);
+}

@@ -10,7 +10,8 @@
 namespace qzsys {
 
 std::atomic<uintptr_t> g_qzTlsGeneration[QZ_TLS_SLOT_COUNT];
-thread_local QzTlsEntry* t_qzTlsTable __attribute__((tls_model("initial-exec"))) = nullptr;
+__thread QzTlsEntry t_qzTlsFast[QZ_TLS_FAST_SLOTS] __attribute__((tls_model("initial-exec")));
+__thread QzTlsEntry* t_qzTlsTable __attribute__((tls_model("initial-exec"))) = nullptr;
 
 namespace {
 
@@ -30,6 +31,22 @@ void FreeTable(void* table) {
 void MakeTableKey() {
   // Without the key tables would only leak at thread end; nothing else changes.
   (void)pthread_key_create(&g_tableKey, FreeTable);
+}
+
+// The calling thread's entry of a slot beyond the fast ones; makes the table
+// at the first need. Null when it cannot be made.
+QzTlsEntry* TableEntry(DWORD index) {
+  QzTlsEntry* table = t_qzTlsTable;
+  if (table == nullptr) {
+    pthread_once(&g_tableKeyOnce, MakeTableKey);
+    // Entries start at generation 0, which only slots never freed have; for
+    // the others they read 0 until stored, as they should.
+    table = static_cast<QzTlsEntry*>(calloc(QZ_TLS_SLOT_COUNT, sizeof(QzTlsEntry)));
+    if (table == nullptr) return nullptr;
+    (void)pthread_setspecific(g_tableKey, table);
+    t_qzTlsTable = table;
+  }
+  return &table[index];
 }
 
 bool SlotInUse(DWORD index) {
@@ -76,21 +93,18 @@ BOOL TlsSetValue(DWORD index, LPVOID value) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
   }
-  QzTlsEntry* table = t_qzTlsTable;
-  if (table == nullptr) {
-    pthread_once(&g_tableKeyOnce, MakeTableKey);
-    table = static_cast<QzTlsEntry*>(calloc(QZ_TLS_SLOT_COUNT, sizeof(QzTlsEntry)));
-    if (table == nullptr) {
+  QzTlsEntry* entry;
+  if (index < QZ_TLS_FAST_SLOTS) {
+    entry = &t_qzTlsFast[index];
+  } else {
+    entry = TableEntry(index);
+    if (entry == nullptr) {
       SetLastError(ERROR_NOT_ENOUGH_MEMORY);
       return FALSE;
     }
-    // Entries start at generation 0, which only slots never freed have; for
-    // the others they read 0 until stored, as they should.
-    (void)pthread_setspecific(g_tableKey, table);
-    t_qzTlsTable = table;
   }
-  table[index].value = value;
-  table[index].generation = g_qzTlsGeneration[index].load(std::memory_order_relaxed);
+  entry->value = value;
+  entry->generation = g_qzTlsGeneration[index].load(std::memory_order_relaxed);
   return TRUE;
 }
 
