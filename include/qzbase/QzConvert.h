@@ -86,9 +86,9 @@ struct IQzUnknown {
 // back; it changes nothing.
 //
 // DoConversion counts bytes on both sides and behaves as the six conversions
-// above. DoConversionToUnicode counts the destination in UTF-16 units,
-// DoConversionFromUnicode the source; they need the destination (or source)
-// page to be 1200.
+// above. DoConversionToUnicode converts from the source page to UTF-16 and
+// DoConversionFromUnicode from UTF-16 to the destination page, whatever the
+// other page is; their UTF-16 side counts 16-bit units.
 //
 // Threads: after Initialize, any number of threads may convert with one
 // object at once.

@@ -374,18 +374,30 @@ TEST_F(Convert, ConvertersForHostsCoverOtherPages) {
   dst = sizeof out;
   EXPECT_EQ(c->DoConversion(mixed, &src, out, &dst), S_OK);
   EXPECT_EQ(std::string(reinterpret_cast<char*>(out), dst), "\x1B$BF|\x1B(B?x");
-  // The wide-counted forms.
-  unsigned short w[4];
+  // The wide-counted forms go through UTF-16 whatever the other page is.
+  c->Release();
+  ASSERT_EQ(Qz_CreateMLangConvertor(&c, 1252, 65001, 0), S_OK);
+  char cafe[] = "caf\xE9";
+  unsigned short w[8];
+  src = 4;
+  unsigned int units = 8;
+  EXPECT_EQ(c->DoConversionToUnicode(cafe, &src, w, &units), S_OK);
+  EXPECT_EQ(units, 4u);
+  EXPECT_EQ(w[3], 0xE9);
+  char utf8[8];
+  unsigned int bytes = sizeof utf8;
+  EXPECT_EQ(c->DoConversionFromUnicode(w, &units, utf8, &bytes), S_OK);
+  EXPECT_EQ(std::string(utf8, bytes), "caf\xC3\xA9");
+  EXPECT_EQ(units, 4u);
+  bytes = 2;  // too small: the wide size stays as it was
+  units = 4;
+  EXPECT_EQ(c->DoConversionFromUnicode(w, &units, utf8, &bytes), QZ_E_INSUFFICIENT_BUFFER);
+  EXPECT_EQ(units, 4u);
   c->Release();
   ASSERT_EQ(Qz_CreateMLangConvertor(&c, 0, 1200, 0), S_OK);  // 0: the ANSI page
   EXPECT_EQ(c->GetSourceCodePage(&cp), S_OK);
   EXPECT_EQ(cp, GetACP());
   char ab[] = "ab";
-  src = 2;
-  unsigned int units = 4;
-  EXPECT_EQ(c->DoConversionToUnicode(ab, &src, w, &units), S_OK);
-  EXPECT_EQ(units, 2u);
-  EXPECT_EQ(c->DoConversionFromUnicode(w, &units, ab, &src), E_INVALIDARG);
   c->Release();
 
   // A pair the library cannot convert: S_FALSE, as the component has it.

@@ -205,7 +205,7 @@ enum StepResult { kDone, kFull, kBad, kIncomplete, kFailed };
 
 // One iconv call into `out`, repeated while only the measuring scratch is
 // full. `in` null flushes the descriptor's held state.
-StepResult Convert(iconv_t cd, char** in, size_t* inLeft, Output& out) {
+StepResult Step(iconv_t cd, char** in, size_t* inLeft, Output& out) {
   for (;;) {
     char* op = out.at();
     size_t room = out.room(), left = room;
@@ -232,93 +232,35 @@ bool Put(Output& out, const unsigned char* bytes, size_t n) {
   return true;
 }
 
-class Converter final : public ::IMLangConvertCharset {
+// One direction of conversion: two pages and the spare iconv descriptors
+// that calls borrow, so that threads sharing it never share a descriptor.
+class Pipe {
  public:
-  Converter() {
+  Pipe() {
     for (auto& d : spare_) d.store(nullptr, std::memory_order_relaxed);
   }
+  ~Pipe() { CloseSpares(); }
 
-  HRESULT QueryInterface(const QzGuid& iid, void** object) override {
-    if (!object) return E_POINTER;
-    if (IsEqualGUID(iid, IID_IUnknown) || IsEqualGUID(iid, IID_IMLangConvertCharset)) {
-      AddRef();
-      *object = static_cast<::IMLangConvertCharset*>(this);
-      return S_OK;
-    }
-    *object = nullptr;
-    return E_NOINTERFACE;
-  }
-  uint32_t AddRef() override { return refs_.fetch_add(1, std::memory_order_relaxed) + 1; }
-  uint32_t Release() override {
-    uint32_t left = refs_.fetch_sub(1, std::memory_order_acq_rel) - 1;
-    if (left == 0) delete this;
-    return left;
-  }
-
-  HRESULT Initialize(unsigned int source, unsigned int destination, DWORD property) override {
+  // S_OK, S_FALSE for pages the library cannot convert, E_OUTOFMEMORY.
+  HRESULT Open(UINT from, UINT to) {
     CloseSpares();
-    if (source == CP_ACP) source = GetACP();
-    if (destination == CP_ACP) destination = GetACP();
-    source_ = source;
-    destination_ = destination;
-    property_ = property;
-    initialized_ = true;
+    from_ = from;
+    to_ = to;
     supported_ = false;
-    const char* from = QzIconvName(source);
-    const char* to = QzIconvName(destination);
-    if (!from || !to) return S_FALSE;
-    iconv_t cd = iconv_open(to, from);
+    const char* fromName = QzIconvName(from);
+    const char* toName = QzIconvName(to);
+    if (!fromName || !toName) return S_FALSE;
+    iconv_t cd = iconv_open(toName, fromName);
     if (cd == kNoDescriptor) return errno == ENOMEM ? E_OUTOFMEMORY : S_FALSE;
     supported_ = true;
     Give(cd);
     return S_OK;
   }
-  HRESULT GetSourceCodePage(unsigned int* cp) override {
-    if (!cp) return E_INVALIDARG;
-    *cp = source_;
-    return initialized_ ? S_OK : S_FALSE;
-  }
-  HRESULT GetDestinationCodePage(unsigned int* cp) override {
-    if (!cp) return E_INVALIDARG;
-    *cp = destination_;
-    return initialized_ ? S_OK : S_FALSE;
-  }
-  HRESULT GetProperty(DWORD* property) override {
-    if (!property) return E_INVALIDARG;
-    *property = property_;
-    return initialized_ ? S_OK : S_FALSE;
-  }
 
-  HRESULT DoConversion(unsigned char* source, unsigned int* sourceSize, unsigned char* destination,
-                       unsigned int* destinationSize) override;
-
-  HRESULT DoConversionToUnicode(char* source, unsigned int* sourceSize, unsigned short* destination,
-                                unsigned int* destinationSize) override {
-    if (destination_ != 1200) return E_INVALIDARG;
-    return ScaledCall(reinterpret_cast<unsigned char*>(source), sourceSize, false,
-                      reinterpret_cast<unsigned char*>(destination), destinationSize, true);
-  }
-  HRESULT DoConversionFromUnicode(unsigned short* source, unsigned int* sourceSize, char* destination,
-                                  unsigned int* destinationSize) override {
-    if (source_ != 1200) return E_INVALIDARG;
-    return ScaledCall(reinterpret_cast<unsigned char*>(source), sourceSize, true,
-                      reinterpret_cast<unsigned char*>(destination), destinationSize, false);
-  }
+  HRESULT Convert(unsigned char* source, unsigned int* sourceSize, unsigned char* destination,
+                  unsigned int* destinationSize);
 
  private:
-  ~Converter() { CloseSpares(); }
-
-  HRESULT ScaledCall(unsigned char* src, unsigned int* srcSize, bool srcWide, unsigned char* dst,
-                     unsigned int* dstSize, bool dstWide) {
-    unsigned int* wide = srcWide ? srcSize : dstSize;
-    if (!wide) return E_INVALIDARG;
-    unsigned int bytes = *wide == 0xFFFFFFFFu ? *wide : *wide * 2u;
-    if (*wide != 0xFFFFFFFFu && *wide > 0x7FFFFFFFu) return E_INVALIDARG;
-    HRESULT hr = srcWide ? DoConversion(src, &bytes, dst, dstSize) : DoConversion(src, srcSize, dst, &bytes);
-    if (hr >= 0) *wide = bytes >> 1;
-    return hr;
-  }
-
   // A descriptor for this call alone: a spare one when there is one, else a
   // new one. Returned descriptors go back to the spares or are closed.
   iconv_t Take() {
@@ -326,8 +268,7 @@ class Converter final : public ::IMLangConvertCharset {
       void* cd = d.exchange(nullptr, std::memory_order_acquire);
       if (cd) return static_cast<iconv_t>(cd);
     }
-    iconv_t cd = iconv_open(QzIconvName(destination_), QzIconvName(source_));
-    return cd;
+    return iconv_open(QzIconvName(to_), QzIconvName(from_));
   }
   void Give(iconv_t cd) {
     iconv(cd, nullptr, nullptr, nullptr, nullptr);
@@ -346,23 +287,20 @@ class Converter final : public ::IMLangConvertCharset {
 
   HRESULT Run(iconv_t cd, unsigned char* in, size_t inLen, Output& out, size_t* consumed);
 
-  std::atomic<uint32_t> refs_{1};
-  UINT source_ = 0, destination_ = 0;
-  DWORD property_ = 0;
-  bool initialized_ = false, supported_ = false;
+  UINT from_ = 0, to_ = 0;
+  bool supported_ = false;
   static constexpr int kSpares = 4;
   std::atomic<void*> spare_[kSpares];
 };
 
-HRESULT Converter::DoConversion(unsigned char* source, unsigned int* sourceSize, unsigned char* destination,
-                                unsigned int* destinationSize) {
+HRESULT Pipe::Convert(unsigned char* source, unsigned int* sourceSize, unsigned char* destination,
+                      unsigned int* destinationSize) {
   if (!sourceSize || !destinationSize) return E_INVALIDARG;
-  if (!initialized_) return E_UNEXPECTED;
   if (!supported_) {
     *destinationSize = 0;
     return S_FALSE;
   }
-  const unsigned unit = UnitSize(source_);
+  const unsigned unit = UnitSize(from_);
   size_t inLen = *sourceSize;
   if (*sourceSize == 0xFFFFFFFFu) {
     if (!source) return E_INVALIDARG;
@@ -388,7 +326,7 @@ HRESULT Converter::DoConversion(unsigned char* source, unsigned int* sourceSize,
     hr = QZ_E_NO_UNICODE_TRANSLATION;
   } else if (inLen == 0) {
     hr = S_OK;
-  } else if (out.measure && MeasureUnicode(source_, destination_, source, inLen, &out.total, &invalid)) {
+  } else if (out.measure && MeasureUnicode(from_, to_, source, inLen, &out.total, &invalid)) {
     hr = invalid ? QZ_E_NO_UNICODE_TRANSLATION : S_OK;
     consumed = inLen;
   } else {
@@ -403,14 +341,14 @@ HRESULT Converter::DoConversion(unsigned char* source, unsigned int* sourceSize,
   return hr;
 }
 
-HRESULT Converter::Run(iconv_t cd, unsigned char* in, size_t inLen, Output& out, size_t* consumed) {
+HRESULT Pipe::Run(iconv_t cd, unsigned char* in, size_t inLen, Output& out, size_t* consumed) {
   char* ip = reinterpret_cast<char*>(in);
   size_t left = inLen;
   for (;;) {
-    StepResult r = Convert(cd, &ip, &left, out);
+    StepResult r = Step(cd, &ip, &left, out);
     *consumed = inLen - left;
     if (r == kDone) {
-      r = Convert(cd, nullptr, nullptr, out);
+      r = Step(cd, nullptr, nullptr, out);
       if (r == kDone) return S_OK;
     }
     if (r == kFull) return QZ_E_INSUFFICIENT_BUFFER;
@@ -419,23 +357,23 @@ HRESULT Converter::Run(iconv_t cd, unsigned char* in, size_t inLen, Output& out,
     // iconv refuses either bad input or a character the destination lacks;
     // only the first is an error.
     const unsigned char* at = reinterpret_cast<unsigned char*>(ip);
-    Decoded d = DecodeOne(source_, at, left);
+    Decoded d = DecodeOne(from_, at, left);
     if (!d.len) return QZ_E_NO_UNICODE_TRANSLATION;
     unsigned char sub[8];
-    unsigned n = EncodeOne(destination_, d.cp, sub);
+    unsigned n = EncodeOne(to_, d.cp, sub);
     if (n) {
       // Written here: whatever iconv still holds goes out first.
-      r = Convert(cd, nullptr, nullptr, out);
+      r = Step(cd, nullptr, nullptr, out);
       if (r == kFull) return QZ_E_INSUFFICIENT_BUFFER;
       if (r != kDone) return E_FAIL;
       if (!Put(out, sub, n)) return QZ_E_INSUFFICIENT_BUFFER;
     } else {
       // A stateful destination: let iconv write the default character.
       unsigned char q[4];
-      unsigned qn = EncodeOne(source_, '?', q);
+      unsigned qn = EncodeOne(from_, '?', q);
       char* qp = reinterpret_cast<char*>(q);
       size_t ql = qn;
-      r = qn ? Convert(cd, &qp, &ql, out) : kFailed;
+      r = qn ? Step(cd, &qp, &ql, out) : kFailed;
       if (r == kFull) return QZ_E_INSUFFICIENT_BUFFER;
       if (r != kDone) return E_FAIL;
     }
@@ -444,6 +382,119 @@ HRESULT Converter::Run(iconv_t cd, unsigned char* in, size_t inLen, Output& out,
     *consumed = inLen - left;
   }
 }
+
+class Converter final : public ::IMLangConvertCharset {
+ public:
+  HRESULT QueryInterface(const QzGuid& iid, void** object) override {
+    if (!object) return E_POINTER;
+    if (IsEqualGUID(iid, IID_IUnknown) || IsEqualGUID(iid, IID_IMLangConvertCharset)) {
+      AddRef();
+      *object = static_cast<::IMLangConvertCharset*>(this);
+      return S_OK;
+    }
+    *object = nullptr;
+    return E_NOINTERFACE;
+  }
+  uint32_t AddRef() override { return refs_.fetch_add(1, std::memory_order_relaxed) + 1; }
+  uint32_t Release() override {
+    uint32_t left = refs_.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    if (left == 0) delete this;
+    return left;
+  }
+
+  HRESULT Initialize(unsigned int source, unsigned int destination, DWORD property) override {
+    DropUnicodePipes();
+    if (source == CP_ACP) source = GetACP();
+    if (destination == CP_ACP) destination = GetACP();
+    source_ = source;
+    destination_ = destination;
+    property_ = property;
+    initialized_ = true;
+    return main_.Open(source, destination);
+  }
+  HRESULT GetSourceCodePage(unsigned int* cp) override {
+    if (!cp) return E_INVALIDARG;
+    *cp = source_;
+    return initialized_ ? S_OK : S_FALSE;
+  }
+  HRESULT GetDestinationCodePage(unsigned int* cp) override {
+    if (!cp) return E_INVALIDARG;
+    *cp = destination_;
+    return initialized_ ? S_OK : S_FALSE;
+  }
+  HRESULT GetProperty(DWORD* property) override {
+    if (!property) return E_INVALIDARG;
+    *property = property_;
+    return initialized_ ? S_OK : S_FALSE;
+  }
+
+  HRESULT DoConversion(unsigned char* source, unsigned int* sourceSize, unsigned char* destination,
+                       unsigned int* destinationSize) override {
+    if (!initialized_) return E_UNEXPECTED;
+    return main_.Convert(source, sourceSize, destination, destinationSize);
+  }
+
+  // From the source page to UTF-16, whatever the destination page; the
+  // destination counts UTF-16 units.
+  HRESULT DoConversionToUnicode(char* source, unsigned int* sourceSize, unsigned short* destination,
+                                unsigned int* destinationSize) override {
+    if (!initialized_) return E_UNEXPECTED;
+    Pipe* pipe = UnicodePipe(toUnicode_, source_, CP_UTF16LE);
+    if (!pipe) return E_OUTOFMEMORY;
+    return Scaled(pipe, reinterpret_cast<unsigned char*>(source), sourceSize, false,
+                  reinterpret_cast<unsigned char*>(destination), destinationSize);
+  }
+  // From UTF-16 to the destination page; the source counts UTF-16 units.
+  HRESULT DoConversionFromUnicode(unsigned short* source, unsigned int* sourceSize, char* destination,
+                                  unsigned int* destinationSize) override {
+    if (!initialized_) return E_UNEXPECTED;
+    Pipe* pipe = UnicodePipe(fromUnicode_, CP_UTF16LE, destination_);
+    if (!pipe) return E_OUTOFMEMORY;
+    return Scaled(pipe, reinterpret_cast<unsigned char*>(source), sourceSize, true,
+                  reinterpret_cast<unsigned char*>(destination), destinationSize);
+  }
+
+ private:
+  ~Converter() { DropUnicodePipes(); }
+
+  static HRESULT Scaled(Pipe* pipe, unsigned char* src, unsigned int* srcSize, bool srcWide, unsigned char* dst,
+                        unsigned int* dstSize) {
+    unsigned int* wide = srcWide ? srcSize : dstSize;
+    if (!wide || (*wide != 0xFFFFFFFFu && *wide > 0x7FFFFFFFu)) return E_INVALIDARG;
+    unsigned int bytes = *wide == 0xFFFFFFFFu ? *wide : *wide * 2u;
+    HRESULT hr = srcWide ? pipe->Convert(src, &bytes, dst, dstSize) : pipe->Convert(src, srcSize, dst, &bytes);
+    if (hr >= 0) *wide = bytes >> 1;
+    return hr;
+  }
+
+  // The pipe of one of the two Unicode calls: the main one when its pages
+  // fit, else one made on first need (threads racing keep one).
+  Pipe* UnicodePipe(std::atomic<Pipe*>& slot, UINT from, UINT to) {
+    if (from == source_ && to == destination_) return &main_;
+    Pipe* p = slot.load(std::memory_order_acquire);
+    if (p) return p;
+    Pipe* made = new (std::nothrow) Pipe();
+    if (!made) return nullptr;
+    made->Open(from, to);
+    if (!slot.compare_exchange_strong(p, made, std::memory_order_acq_rel)) {
+      delete made;
+      return p;
+    }
+    return made;
+  }
+  void DropUnicodePipes() {
+    delete toUnicode_.exchange(nullptr, std::memory_order_acq_rel);
+    delete fromUnicode_.exchange(nullptr, std::memory_order_acq_rel);
+  }
+
+  std::atomic<uint32_t> refs_{1};
+  UINT source_ = 0, destination_ = 0;
+  DWORD property_ = 0;
+  bool initialized_ = false;
+  Pipe main_;
+  std::atomic<Pipe*> toUnicode_{nullptr};
+  std::atomic<Pipe*> fromUnicode_{nullptr};
+};
 
 class ConverterFactory final : public IClassFactory {
  public:
