@@ -343,6 +343,22 @@ TEST_F(Convert, CharactersThePageLacksBecomeItsDefault) {
   QzReleaseConverters();
 }
 
+TEST_F(Convert, EmbeddedZerosAreTextWhenCounted) {
+  for (UINT cp : {932u, 1252u, 65001u}) {
+    SCOPED_TRACE(cp);
+    ActivePage page(cp);
+    QzReleaseConverters();
+    char text[] = "a\0b";
+    std::vector<unsigned short> w;
+    EXPECT_EQ(TwoPass<unsigned short>(QZ_MBCHAR_TO_UTF16, text, 3u, &w), S_OK);
+    EXPECT_EQ(w, (Wide{'a', 0, 'b'}));
+    std::vector<char> b;
+    EXPECT_EQ(TwoPass<char>(QZ_MBCHAR_TO_UTF8, text, 3u, &b), S_OK);
+    EXPECT_EQ(std::string(b.begin(), b.end()), std::string("a\0b", 3));
+  }
+  QzReleaseConverters();
+}
+
 TEST_F(Convert, ConvertersForHostsCoverOtherPages) {
   IMLangConvertCharset* c = nullptr;
   EXPECT_EQ(Qz_CreateMLangConvertor(nullptr, 1200, 65001, 0), E_POINTER);

@@ -135,9 +135,10 @@ unsigned EncodeOne(UINT page, uint32_t cp, unsigned char* out) {
   return 2;
 }
 
-// Measuring between UTF-8 and UTF-16 needs no conversion: the library's own
-// decoders (which agree with iconv on what is valid) count the result at a
-// fraction of the cost. Returns false for other pairs.
+// Measuring between UTF-8 and UTF-16, and from a table page to either, needs
+// no conversion: the library's own decoders (which agree with iconv on what
+// is valid) count the result at a fraction of the cost. Returns false for
+// other pairs.
 bool MeasureUnicode(UINT from, UINT to, const unsigned char* in, size_t len, size_t* needed, bool* invalid) {
   size_t n = 0;
   *invalid = false;
@@ -180,6 +181,31 @@ bool MeasureUnicode(UINT from, UINT to, const unsigned char* in, size_t len, siz
         n += 4;
         i += 2;
       }
+    }
+  } else if ((to == 1200 || to == CP_UTF8) && from != 1255 && from != 1258) {
+    // A single- or double-byte page read through its table: the same
+    // characters iconv gives, one by one (1255 and 1258 are left to iconv,
+    // which joins a letter and its accent into one character).
+    const text::PageTable* t = text::GetTable(from);
+    if (!t) return false;
+    for (size_t i = 0; i < len;) {
+      unsigned b = in[i];
+      WCHAR w;
+      bool ok;
+      if (t->lead[b]) {
+        w = i + 1 < len ? t->pairs[b << 8 | in[i + 1]] : 0;
+        ok = w != 0;
+        i += 2;
+      } else {
+        w = t->single[b];
+        ok = w != 0 || b == 0;
+        i += 1;
+      }
+      if (!ok) {
+        *invalid = true;
+        return true;
+      }
+      n += to == 1200 ? 2 : (w < 0x80 ? 1 : w < 0x800 ? 2 : 3);
     }
   } else {
     return false;
