@@ -24,6 +24,11 @@ inline void NoteCache(const QzMempool* pool, QzThreadCache* cache) {
 }
 
 inline bool PoolAllocFails() { return QzFaultHit(QZ_FAULT_POOL_ALLOC); }
+// Only whether the switch is armed at all: the fast path leaves the counting to
+// the slow one, so that it makes no call it has to come back from.
+inline bool PoolAllocSwitchArmed() {
+  return g_qzFaults[QZ_FAULT_POOL_ALLOC].armed.load(std::memory_order_relaxed) != 0;
+}
 
 inline size_t RaiseRequest(size_t size) { return size < QZ_MEMPOOL_MIN_REQUEST ? QZ_MEMPOOL_MIN_REQUEST : size; }
 
@@ -59,6 +64,7 @@ inline bool CacheableOnFree(size_t usable) {
 // that is set up; everything else, and every miss, goes to these, which are
 // kept out of line so that the fast paths need no stack frame.
 __attribute__((noinline)) void* AllocSlow(QzMempool* pool, size_t size) {
+  if (PoolAllocFails()) return nullptr;
   size = RaiseRequest(size);
   bool fromCache;
   pool = QzResolvePool(pool);
@@ -179,8 +185,7 @@ QZ_API void Qz_DestroyMempool(QzMempool* pool) {
 }
 
 QZ_API void* Qz_MempoolAlloc(QzMempool* pool, size_t size) {
-  if (PoolAllocFails()) return nullptr;
-  if (__builtin_expect(size <= QZ_CACHE_MAX_REQUEST, 1)) {
+  if (__builtin_expect(size <= QZ_CACHE_MAX_REQUEST && !PoolAllocSwitchArmed(), 1)) {
     QzMempool* p = pool;
     QzThreadCache* cache = ReadyCache(&p);
     if (__builtin_expect(cache != nullptr, 1)) {
