@@ -160,14 +160,65 @@ unsigned int QzStringBaseT<T>::reverseFind(T c, unsigned int pos) const {
 
 namespace {
 
+// Screens the candidates of a search so that most of them cost a table
+// look-up rather than a call of the code-page-aware compare. A compare can
+// only succeed if the first characters agree, and for a candidate whose first
+// unit is a single-byte character below 0x80 the answer to that depends on
+// the unit alone: it is asked of the compare routine itself, once per unit
+// value and search, so the screen never disagrees with the routine. Other
+// units (0, high bytes, lead bytes) always go to the full compare.
+template <typename T>
+class FirstUnitScreen {
+ public:
+  FirstUnitScreen(const T* text, bool ignoreCase) : text_(text), ignoreCase_(ignoreCase) {
+    std::memset(state_, kUnknown, sizeof(state_));
+  }
+  // True when the compare at `p` cannot succeed.
+  bool Excludes(const T* p) {
+    const unsigned int u = Unit(*p);
+    if (u == 0 || u >= kUnits) return false;
+    if (state_[u] == kUnknown) state_[u] = Decide(u);
+    return state_[u] == kExcluded;
+  }
+
+ private:
+  enum : unsigned char { kUnknown, kExcluded, kPossible };
+  static const unsigned int kUnits = 0x80;
+
+  static unsigned int Unit(char c) { return static_cast<unsigned char>(c); }
+  static unsigned int Unit(unsigned short c) { return c; }
+
+  unsigned char Decide(unsigned int u) const {
+    if (!IsSingle(static_cast<T>(u))) return kPossible;
+    const T one[2] = {static_cast<T>(u), 0};
+    const int cmp = ignoreCase_ ? Units<T>::CompareNoCase(one, text_, 1) : Units<T>::Compare(one, text_, 1);
+    return cmp != 0 ? kExcluded : kPossible;
+  }
+  // Whether the unit is a whole character whatever follows it.
+  static bool IsSingle(unsigned short) { return true; }
+  static bool IsSingle(char c) {
+    const unsigned char probe[3] = {static_cast<unsigned char>(c), 0xA1, 0};
+    return qzsys::_mbsinc(probe) == probe + 1;
+  }
+
+  const T* text_;
+  bool ignoreCase_;
+  unsigned char state_[kUnits];
+};
+
 // Candidates from `limit - count` down to 0; `limit` is an exclusive end.
-template <typename T, typename Compare>
+template <typename T>
 unsigned int ReverseSearch(const T* chars, unsigned int length, const T* text, unsigned int pos,
-                           unsigned int count, Compare compare) {
+                           unsigned int count, bool ignoreCase) {
   const unsigned int limit = pos < length ? pos : length;
   if (text == nullptr || count == 0 || count > limit) return kNotFound;
+  FirstUnitScreen<T> screen(text, ignoreCase);
   for (unsigned int i = limit - count;; --i) {
-    if (compare(chars + i, text, count) == 0) return i;
+    if (!screen.Excludes(chars + i)) {
+      const int cmp = ignoreCase ? Units<T>::CompareNoCase(chars + i, text, count)
+                                 : Units<T>::Compare(chars + i, text, count);
+      if (cmp == 0) return i;
+    }
     if (i == 0) return kNotFound;
   }
 }
@@ -177,13 +228,13 @@ unsigned int ReverseSearch(const T* chars, unsigned int length, const T* text, u
 template <typename T>
 unsigned int QzStringBaseT<T>::reverseFind(const T* text, unsigned int pos,
                                            unsigned int count) const {
-  return ReverseSearch(m_pchData, LengthOf(*this), text, pos, count, Units<T>::Compare);
+  return ReverseSearch(m_pchData, LengthOf(*this), text, pos, count, false);
 }
 
 template <typename T>
 unsigned int QzStringBaseT<T>::reverseFindIgnoreCase(const T* text, unsigned int pos,
                                                      unsigned int count) const {
-  return ReverseSearch(m_pchData, LengthOf(*this), text, pos, count, Units<T>::CompareNoCase);
+  return ReverseSearch(m_pchData, LengthOf(*this), text, pos, count, true);
 }
 
 template <typename T>
@@ -192,8 +243,10 @@ unsigned int QzStringBaseT<T>::findIgnoreCase(const T* text, unsigned int pos,
   const unsigned int length = LengthOf(*this);
   if (text == nullptr || count == 0 || count > length || pos > length - count) return kNotFound;
   const unsigned int last = length - count;
+  FirstUnitScreen<T> screen(text, true);
   for (unsigned int i = pos; i <= last; ++i)
-    if (Units<T>::CompareNoCase(m_pchData + i, text, count) == 0) return i;
+    if (!screen.Excludes(m_pchData + i) && Units<T>::CompareNoCase(m_pchData + i, text, count) == 0)
+      return i;
   return kNotFound;
 }
 

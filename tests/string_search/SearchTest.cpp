@@ -203,3 +203,62 @@ TEST(SearchWide, UnitsAboveTheByteRange) {
   const unsigned short fa[] = {0xFF41};
   EXPECT_EQ(s.findIgnoreCase(fa, 0, 1), 2u);
 }
+
+namespace {
+
+// Every candidate tried with the platform's compare: what the searches must
+// give whatever shortcut they take.
+unsigned int BruteFind(const std::string& s, const std::string& t, unsigned int pos) {
+  const unsigned int n = static_cast<unsigned int>(t.size());
+  if (n == 0 || n > s.size() || pos > s.size() - n) return kNone;
+  for (unsigned int i = pos; i + n <= s.size(); ++i)
+    if (qzsys::_mbsnicmp(reinterpret_cast<const unsigned char*>(s.c_str()) + i,
+                         reinterpret_cast<const unsigned char*>(t.c_str()), n) == 0)
+      return i;
+  return kNone;
+}
+unsigned int BruteReverse(const std::string& s, const std::string& t, unsigned int pos, bool fold) {
+  const unsigned int n = static_cast<unsigned int>(t.size());
+  const unsigned int limit = pos < s.size() ? pos : static_cast<unsigned int>(s.size());
+  if (n == 0 || n > limit) return kNone;
+  for (unsigned int i = limit - n + 1; i-- > 0;) {
+    const unsigned char* a = reinterpret_cast<const unsigned char*>(s.c_str()) + i;
+    const unsigned char* b = reinterpret_cast<const unsigned char*>(t.c_str());
+    if ((fold ? qzsys::_mbsnicmp(a, b, n) : qzsys::_mbsncmp(a, b, n)) == 0) return i;
+  }
+  return kNone;
+}
+
+}  // namespace
+
+// Random texts over an alphabet of letters in both cases, high bytes, lead
+// and trail bytes and 0s, in each kind of code page.
+TEST(SearchNarrowCodePages, TextSearchesAgreeWithThePlatformCompare) {
+  const char alphabet[] = "aAbBkK \x00\x81\x82\x83\x41\x61\xC3\xA9\x89\xE9\xC9\xFF";
+  const unsigned int letters = sizeof(alphabet) - 1;
+  for (unsigned int page : {1252u, 932u, 65001u}) {
+    CodePage cp(page);
+    ASSERT_TRUE(cp.ok());
+    unsigned int seed = 12345u + page;
+    auto next = [&seed]() {
+      seed = seed * 1103515245u + 12345u;
+      return seed >> 16;
+    };
+    for (int round = 0; round < 400; ++round) {
+      std::string s, t;
+      for (unsigned int i = next() % 24; i > 0; --i) s.push_back(alphabet[next() % letters]);
+      for (unsigned int i = 1 + next() % 3; i > 0; --i) t.push_back(alphabet[next() % letters]);
+      QzStringA str(s.c_str(), static_cast<unsigned int>(s.size()));
+      if (str.length() != s.size()) continue;  // a leading 0 gives the empty string
+      const unsigned int n = static_cast<unsigned int>(t.size());
+      const unsigned int pos = next() % 28;
+      EXPECT_EQ(str.findIgnoreCase(t.c_str(), 0, n), BruteFind(s, t, 0)) << page << " " << round;
+      EXPECT_EQ(str.findIgnoreCase(t.c_str(), pos, n), BruteFind(s, t, pos)) << page << " " << round;
+      EXPECT_EQ(str.reverseFindIgnoreCase(t.c_str(), kNone, n), BruteReverse(s, t, kNone, true))
+          << page << " " << round;
+      EXPECT_EQ(str.reverseFindIgnoreCase(t.c_str(), pos, n), BruteReverse(s, t, pos, true))
+          << page << " " << round;
+      EXPECT_EQ(str.reverseFind(t.c_str(), pos, n), BruteReverse(s, t, pos, false)) << page << " " << round;
+    }
+  }
+}
