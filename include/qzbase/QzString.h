@@ -109,38 +109,102 @@ class QZ_API QzStringBaseT {
   // white space; the empty string when there is none.
   static QzStringT<T> GetWin32Error(HRESULT code);
 
-  // ---- Searching, trimming and case ------------------------------------------
-  // (This block and the formatting block below are implemented in
-  // QzStringSearch.cpp and QzStringFormat.cpp; their owner adjusts them.)
-  // Searches return the position found or 0xFFFFFFFF.
-  unsigned int find_first_not_of(T c, unsigned int pos) const;
-  unsigned int find_last_not_of(T c, unsigned int pos) const;
+  // ---- Searching ---------------------------------------------------------------
+  // Read only; any number of threads may search strings that nobody changes.
+  // Positions are in units of T: bytes in the narrow form, also in a
+  // double-byte code page, where the narrow searches step byte by byte and
+  // a match may begin on the second byte of a character (only the compares
+  // know the code page). Results: the position found, or 0xFFFFFFFF. Never
+  // throw. A `pos` past the end is clamped as each member says.
+
+  // First unit at or after `pos` that differs from `c`. Gives up at the first
+  // 0 unit, embedded or the terminator: "aa\0b" with 'a' gives 0xFFFFFFFF.
+  unsigned int find_first_not_of(T c, unsigned int pos = 0) const;
+  // Last unit at or before `pos` (past the end: the last unit) that differs
+  // from `c`; embedded 0s are ordinary units.
+  unsigned int find_last_not_of(T c, unsigned int pos = 0xFFFFFFFFu) const;
+  // First unit at or after `pos` that is none of the `count` units of `set`.
+  // Embedded 0s are ordinary units. A null `set`, a `set` starting with 0 or
+  // a `count` of 0 gives 0xFFFFFFFF.
   unsigned int find_first_not_of(const T* set, unsigned int pos, unsigned int count) const;
+  // Last unit at or before `pos` (past the end: the last unit) that is none of
+  // the `count` units of `set`. A `count` of 0 makes nothing a member, so the
+  // start position comes back. `set` must hold `count` units; it is not
+  // checked for null.
   unsigned int find_last_not_of(const T* set, unsigned int pos, unsigned int count) const;
+  // Last unit at or before `pos` that is one of the `count` units of `set`.
+  // A `pos` at or past the end starts on the terminator, so a 0 within the
+  // set finds length(). `count` 0 gives 0xFFFFFFFF; `set` is not checked.
   unsigned int find_last_of(const T* set, unsigned int pos, unsigned int count) const;
-  unsigned int reverseFind(T c, unsigned int pos) const;
+  // Last `c` at or before `pos` (inclusive); past the end the terminator
+  // takes part, so `c` 0 finds length().
+  unsigned int reverseFind(T c, unsigned int pos = 0xFFFFFFFFu) const;
+  // Last occurrence of the `count` units of `text` that ends at or before
+  // `pos` (exclusive end; past the end: length()). Narrow compares count
+  // characters of the code page. Null `text` or `count` 0: 0xFFFFFFFF.
   unsigned int reverseFind(const T* text, unsigned int pos, unsigned int count) const;
   unsigned int reverseFindIgnoreCase(const T* text, unsigned int pos, unsigned int count) const;
+  // First occurrence of `text`, ignoring case, that starts at or after `pos`.
+  // Null `text`, `count` 0, `count` above length() or `pos` above
+  // length() - count: 0xFFFFFFFF.
   unsigned int findIgnoreCase(const T* text, unsigned int pos, unsigned int count) const;
 
+  // ---- Trimming and case ---------------------------------------------------------
+  // White space is what the process's code page (narrow, byte by byte) or
+  // UTF-16 (wide) calls white space. The trims do not change this string and
+  // return one of three things: the empty string, this string itself shared
+  // (no allocation), or a new string of the range that remains (empty when
+  // that range starts with a 0 unit). Only the new-string case allocates and
+  // can throw QzException; this string is never changed.
   QzStringT<T> trimWhiteSpace();
   QzStringT<T> trimWhiteSpaceLeft();
   QzStringT<T> trimWhiteSpaceRight();
+  // Without repeats of `c` at both ends (start, end). The start is found as by
+  // find_first_not_of(c), so a 0 unit met first gives the empty string.
   QzStringT<T> trim(const T& c);
   QzStringT<T> trimLeft(const T& c);
   QzStringT<T> trimRight(const T& c);
+  // A converted copy in a block of its own (the empty string for an empty
+  // text or one that starts with 0). Conversion stops at the first 0 unit:
+  // what follows an embedded 0 is copied unchanged. Throws QzException when
+  // out of memory.
   QzStringT<T> getLowercase();
   QzStringT<T> getUppercase();
+  // Converts in place. A shared string (the empty string included) first gets
+  // a private copy, even when no character changes; other owners keep their
+  // text. Length and capacity stay; conversion stops at the first 0 unit.
+  // Out of memory: QzException, and the string is unchanged.
   QzStringT<T>& toLowercase();
   QzStringT<T>& toUppercase();
 
-  // ---- Formatting --------------------------------------------------------------
+  // ---- Formatting ------------------------------------------------------------------
+  // printf-style text from the library's own engine (QzFormat.h): `%s` takes
+  // text of the string's width and `%S` text of the other; 64-bit values
+  // take `I64` or `q` (there is no `ll`). Every member measures first and then writes
+  // into exactly that much room, so there is no length limit and no retry.
+  // A format that gives no text: CreateFormatted returns the empty string,
+  // Format empties the string, AppendFormat changes nothing. `format` must
+  // not be null. Out of memory: QzException, the string unchanged, except
+  // where AppendFormat says otherwise. The V forms work on copies of `args`,
+  // which the caller still owns and may walk again.
+
+  // Replaces the text. Arguments and `format` must not point into this
+  // string: its old text is gone before the second pass.
   void Format(const T* format, ...);
   void FormatV(const T* format, va_list args);
+  // Appends the text. Arguments may point into this string. If the scratch
+  // buffer for the text cannot be had the call returns silently with the
+  // string unchanged; only a failure of the string's own new block throws.
   void AppendFormat(const T* format, ...);
   void AppendFormatV(const T* format, va_list args);
+  // A new string; may run on any thread.
   static QzStringT<T> CreateFormatted(const T* format, ...);
   static QzStringT<T> CreateFormattedV(const T* format, va_list args);
+  // Two hex digits per byte of `data` ("0123456789abcdef" when `lowercase`
+  // is not 0, else upper case), with one space between groups of
+  // `groupSize` bytes (0: no spaces), none at the end; "61 62 63" for "abc"
+  // in groups of 1. `size` 0 gives the empty string without reading `data`.
+  // `size` must stay below 0x3FFFFFFF. Throws QzException when out of memory.
   static QzStringT<T> ToHexString(const unsigned char* data, unsigned int size,
                                   unsigned int groupSize, int lowercase);
   // ---- end of the searching and formatting block -------------------------------
