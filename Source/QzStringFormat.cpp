@@ -31,13 +31,15 @@ int Measure(const T* format, va_list args) {
   return n;
 }
 
-// Writes the text into `room + 1` units at `dst`, terminator included.
+// Writes the text into `room + 1` units at `dst`, terminator included, and
+// returns the units stored.
 template <typename T>
-void Write(T* dst, unsigned int room, const T* format, va_list args) {
+unsigned int Write(T* dst, unsigned int room, const T* format, va_list args) {
   va_list copy;
   va_copy(copy, args);
-  Engine(dst, room + 1u, format, copy);
+  const int stored = Engine(dst, room + 1u, format, copy);
   va_end(copy);
+  return stored > 0 ? static_cast<unsigned int>(stored) : 0u;
 }
 
 // A scratch buffer that gives itself back to the pool.
@@ -100,8 +102,9 @@ void QzStringBaseT<T>::FormatV(const T* format, va_list args) {
     h->capacity = qzstr::UnitsFor(n) - 1;
     m_pchData = qzstr::CharsOf<T>(h);
   }
-  Header(m_pchData)->length = n;
-  Write(m_pchData, n, format, args);
+  // The passes agree unless an argument changed in between (a caller's
+  // error); taking the stored count keeps the terminator at `length` then.
+  Header(m_pchData)->length = Write(m_pchData, n, format, args);
 }
 
 template <typename T>
@@ -126,8 +129,9 @@ void QzStringBaseT<T>::AppendFormatV(const T* format, va_list args) {
   Scratch scratch((static_cast<size_t>(n) + 1u) * sizeof(T));
   if (scratch.get() == nullptr) return;  // the one silent allocation failure
   T* text = static_cast<T*>(scratch.get());
-  Write(text, n, format, args);
-  AppendInternal(text, n);
+  // The two passes agree unless an argument changed in between (a caller's
+  // error); appending what was stored keeps pool garbage out even then.
+  AppendInternal(text, Write(text, n, format, args));
 }
 
 template <typename T>
