@@ -84,8 +84,12 @@ BENCHMARK(BM_FindIgnoreCase_StdNaive);
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs)
-      if (!r.error_occurred) times_[r.benchmark_name()] = r.GetAdjustedCPUTime();
+    // With repetitions the median stands for the benchmark.
+    for (const Run& r : runs) {
+      if (r.error_occurred) continue;
+      if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
+      times_[r.run_name.function_name] = r.GetAdjustedCPUTime();
+    }
     ConsoleReporter::ReportRuns(runs);
   }
   void Ratio(const char* ours, const char* peer) const {
