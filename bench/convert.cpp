@@ -1,5 +1,6 @@
 // The cached conversions against calling iconv directly, on 1 KiB texts, and
 // the ways a shared converter object could guard its iconv descriptor.
+#include "QzBenchReport.h"
 #include <benchmark/benchmark.h>
 
 #include <qzbase/QzConvert.h>
@@ -159,58 +160,25 @@ BENCHMARK(GuardMutex)->Arg(1)->Threads(2)->Repetitions(3);
 BENCHMARK(QzUtf8ToUtf16)->Arg(1)->Threads(2)->Repetitions(3);
 BENCHMARK(GuardOpenPerCall)->Arg(1)->Repetitions(3);
 
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& r : runs)
-      if (r.run_type == Run::RT_Iteration && !r.error_occurred) {
-        // The best of the repetitions: the machine may be shared.
-        std::string name = r.benchmark_name();
-        size_t rep = name.find("/repeats:");
-        if (rep != std::string::npos) name.erase(rep, name.find('/', rep + 1) - rep);
-        auto it = times_.find(name);
-        double t = r.GetAdjustedCPUTime();
-        if (it == times_.end() || t < it->second) times_[name] = t;
-      }
-  }
-
-  void Finalize() override {
-    ConsoleReporter::Finalize();
-    printf("\nRatios of CPU time, best of 3: qzbase / direct iconv, 1 KiB texts (goal: at most 1.10)\n\n");
-    printf("  %-22s  %-8s  %-8s\n", "conversion", "ASCII", "mixed");
-    printf("  %-22s  %-8s  %-8s\n", "QZ_UTF8_TO_UTF16", Ratio("QzUtf8ToUtf16/0", "IconvUtf8ToUtf16/0").c_str(),
-           Ratio("QzUtf8ToUtf16/1", "IconvUtf8ToUtf16/1").c_str());
-    printf("  %-22s  %-8s  %-8s\n", "QZ_UTF16_TO_UTF8", Ratio("QzUtf16ToUtf8/0", "IconvUtf16ToUtf8/0").c_str(),
-           Ratio("QzUtf16ToUtf8/1", "IconvUtf16ToUtf8/1").c_str());
-    printf("  %-22s  %-8s  %-8s\n", "measure + convert", Ratio("QzUtf8ToUtf16TwoPass/0", "IconvUtf8ToUtf16/0").c_str(),
-           Ratio("QzUtf8ToUtf16TwoPass/1", "IconvUtf8ToUtf16/1").c_str());
-    printf("\nGuarding a shared descriptor (mixed text), time / direct iconv time:\n\n");
-    printf("  %-34s  %s\n", "spare descriptors (the library's)", Ratio("QzUtf8ToUtf16/1", "IconvUtf8ToUtf16/1").c_str());
-    printf("  %-34s  %s\n", "one lock", Ratio("GuardMutex/1", "IconvUtf8ToUtf16/1").c_str());
-    printf("  %-34s  %s\n", "open and close per call", Ratio("GuardOpenPerCall/1", "IconvUtf8ToUtf16/1").c_str());
-    printf("  %-34s  %s\n", "spare descriptors, 2 threads", Ratio("QzUtf8ToUtf16/1/threads:2", "IconvUtf8ToUtf16/1").c_str());
-    printf("  %-34s  %s\n\n", "one lock, 2 threads", Ratio("GuardMutex/1/threads:2", "IconvUtf8ToUtf16/1").c_str());
-  }
-
- private:
-  std::string Ratio(const std::string& ours, const std::string& peer) const {
-    auto a = times_.find(ours), b = times_.find(peer);
-    if (a == times_.end() || b == times_.end() || b->second <= 0) return "-";
-    char buf[32];
-    snprintf(buf, sizeof buf, "%.2f", a->second / b->second);
-    return buf;
-  }
-  std::map<std::string, double> times_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
+  return qzbench::Run(argc, argv, qzbench::Clock::kCpu, [](const qzbench::Times& t) {
+    printf("\nRatios of CPU time, best of 3: qzbase / direct iconv, 1 KiB texts (goal: at most 1.10)\n\n");
+    printf("  %-22s  %-8s  %-8s\n", "conversion", "ASCII", "mixed");
+    printf("  %-22s  %-8s  %-8s\n", "QZ_UTF8_TO_UTF16", t.Ratio("QzUtf8ToUtf16/0", "IconvUtf8ToUtf16/0").c_str(),
+           t.Ratio("QzUtf8ToUtf16/1", "IconvUtf8ToUtf16/1").c_str());
+    printf("  %-22s  %-8s  %-8s\n", "QZ_UTF16_TO_UTF8", t.Ratio("QzUtf16ToUtf8/0", "IconvUtf16ToUtf8/0").c_str(),
+           t.Ratio("QzUtf16ToUtf8/1", "IconvUtf16ToUtf8/1").c_str());
+    printf("  %-22s  %-8s  %-8s\n", "measure + convert", t.Ratio("QzUtf8ToUtf16TwoPass/0", "IconvUtf8ToUtf16/0").c_str(),
+           t.Ratio("QzUtf8ToUtf16TwoPass/1", "IconvUtf8ToUtf16/1").c_str());
+    printf("\nGuarding a shared descriptor (mixed text), time / direct iconv time:\n\n");
+    const char* rows[][2] = {{"spare descriptors (the library's)", "QzUtf8ToUtf16/1"},
+                             {"one lock", "GuardMutex/1"},
+                             {"open and close per call", "GuardOpenPerCall/1"},
+                             {"spare descriptors, 2 threads", "QzUtf8ToUtf16/1/threads:2"},
+                             {"one lock, 2 threads", "GuardMutex/1/threads:2"}};
+    for (auto& r : rows) printf("  %-34s  %s\n", r[0], t.Ratio(r[1], "IconvUtf8ToUtf16/1").c_str());
+    printf("\n");
+  });
 }

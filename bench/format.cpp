@@ -5,6 +5,7 @@
 // The table printed at the end gives the speed of QZ_SNPRINTF_A relative to
 // each peer (peer CPU time / our CPU time, which a busy machine disturbs
 // less than wall time; above 1 means faster).
+#include "QzBenchReport.h"
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 #include <qzbase/QzFormat.h>
@@ -242,43 +243,17 @@ BENCHMARK(MeasureLibc);
 BENCHMARK(MeasureFmt);
 BENCHMARK(LogLineWideQz);
 
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& r : runs)
-      if (r.run_type == Run::RT_Iteration && !r.error_occurred) times_[r.benchmark_name()] = r.GetAdjustedCPUTime();
-  }
-  void Finalize() override {
-    ConsoleReporter::Finalize();
+}  // namespace
+
+int main(int argc, char** argv) {
+  return qzbench::Run(argc, argv, qzbench::Clock::kCpu, [](const qzbench::Times& t) {
     printf("\nSpeed of QZ_SNPRINTF_A relative to each peer (peer CPU time / qzbase CPU time; above 1 is faster)\n\n");
     printf("  %-10s  %-10s  %-10s\n", "case", "snprintf", "{fmt}");
     const char* cases[] = {"LogLine", "Integers", "Strings", "Floats", "Measure"};
     for (const char* c : cases) {
       std::string n(c);
-      printf("  %-10s  %-10s  %-10s\n", c, Ratio(n + "Libc", n + "Qz").c_str(), Ratio(n + "Fmt", n + "Qz").c_str());
+      printf("  %-10s  %-10s  %-10s\n", c, t.Ratio(n + "Libc", n + "Qz").c_str(), t.Ratio(n + "Fmt", n + "Qz").c_str());
     }
     printf("\n");
-  }
-
- private:
-  std::string Ratio(const std::string& peer, const std::string& ours) const {
-    auto a = times_.find(peer), b = times_.find(ours);
-    if (a == times_.end() || b == times_.end() || b->second <= 0) return "-";
-    char buf[32];
-    snprintf(buf, sizeof buf, "%.2f", a->second / b->second);
-    return buf;
-  }
-  std::map<std::string, double> times_;
-};
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
+  });
 }

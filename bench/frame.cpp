@@ -5,6 +5,7 @@
 // memcpy; the MMX and plain copies, which this processor's slot did not take,
 // are measured too. At the end a table gives each qzbase time divided by its peer's
 // (1.00: as fast; below 1: faster).
+#include "QzBenchReport.h"
 #include <benchmark/benchmark.h>
 
 #include <math.h>
@@ -189,27 +190,28 @@ BENCHMARK(QzTruncate);
 BENCHMARK(LrintRound);
 BENCHMARK(QzRound);
 
-// ---- The ratio table ------------------------------------------------------------------
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& r : runs)
-      if (r.run_type == Run::RT_Iteration && !r.error_occurred) times_[r.benchmark_name()] = r.GetAdjustedRealTime();
-  }
+}  // namespace
 
-  void Finalize() override {
-    ConsoleReporter::Finalize();
+static std::string SizeName(size_t n) {
+  char buf[32];
+  if (n >= (1u << 20)) snprintf(buf, sizeof buf, "%zu MiB", n >> 20);
+  else if (n >= 1024) snprintf(buf, sizeof buf, "%zu KiB", n >> 10);
+  else snprintf(buf, sizeof buf, "%zu B", n);
+  return buf;
+}
+
+int main(int argc, char** argv) {
+  return qzbench::Run(argc, argv, qzbench::Clock::kReal, [](const qzbench::Times& t) {
     printf("\nRatios: qzbase time / C library time (1.00 as fast, below 1 faster)\n\n");
     printf("  %-8s  %-15s  %-15s  %-15s  %-15s\n", "bytes", "Qz_FastMemcpy", "Qz_MemcpyRect",
            "(MMX copy)", "(plain copy)");
     for (size_t n = 64; n <= kMaxBytes; n *= 4) {
       std::string arg = "/" + std::to_string(n);
       printf("  %-8s  %-15s  %-15s  %-15s  %-15s\n", SizeName(n).c_str(),
-             Ratio("FastMemcpy" + arg, "LibcMemcpy" + arg).c_str(),
-             Ratio("MemcpyRect" + arg, "LibcRectRows" + arg).c_str(),
-             Ratio("MmxCopy" + arg, "LibcMemcpy" + arg).c_str(),
-             Ratio("PlainCopy" + arg, "LibcMemcpy" + arg).c_str());
+             t.Ratio("FastMemcpy" + arg, "LibcMemcpy" + arg).c_str(),
+             t.Ratio("MemcpyRect" + arg, "LibcRectRows" + arg).c_str(),
+             t.Ratio("MmxCopy" + arg, "LibcMemcpy" + arg).c_str(),
+             t.Ratio("PlainCopy" + arg, "LibcMemcpy" + arg).c_str());
     }
     printf("\n  Qz_FastMemcpy holds %s.\n", Qz_SlotVariantName(&Qz_FastMemcpy));
     printf("\n  %-26s  %s\n", "maths slot vs peer", "ratio");
@@ -221,35 +223,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
                               {"Qz_Tan vs std::tan", "QzTan", "StdTan"},
                               {"Qz_Truncate vs (int) cast", "QzTruncate", "CastTruncate"},
                               {"Qz_Round vs lrint", "QzRound", "LrintRound"}};
-    for (auto& p : pairs) printf("  %-26s  %s\n", p[0], Ratio(p[1], p[2]).c_str());
+    for (auto& p : pairs) printf("  %-26s  %s\n", p[0], t.Ratio(p[1], p[2]).c_str());
     printf("\n");
-  }
-
- private:
-  static std::string SizeName(size_t n) {
-    char buf[32];
-    if (n >= (1u << 20)) snprintf(buf, sizeof buf, "%zu MiB", n >> 20);
-    else if (n >= 1024) snprintf(buf, sizeof buf, "%zu KiB", n >> 10);
-    else snprintf(buf, sizeof buf, "%zu B", n);
-    return buf;
-  }
-  std::string Ratio(const std::string& ours, const std::string& peer) const {
-    auto a = times_.find(ours), b = times_.find(peer);
-    if (a == times_.end() || b == times_.end() || b->second <= 0) return "-";
-    char buf[32];
-    snprintf(buf, sizeof buf, "%.2f", a->second / b->second);
-    return buf;
-  }
-  std::map<std::string, double> times_;
-};
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
+  });
 }

@@ -2,6 +2,7 @@
 // (ours: one atomic and no allocation), appending loops, and replacing a
 // piece of text everywhere. A table at the end gives each qzbase time divided
 // by std::string's (below 1: faster; the copy goal is at most 0.20).
+#include "QzBenchReport.h"
 #include <benchmark/benchmark.h>
 
 #include <stdio.h>
@@ -170,15 +171,10 @@ BENCHMARK(StdReplaceShorter);
 BENCHMARK(QzReplaceSameLength);
 BENCHMARK(StdReplaceSameLength);
 
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& r : runs)
-      if (r.run_type == Run::RT_Iteration && !r.error_occurred) times_[r.benchmark_name()] = r.GetAdjustedCPUTime();
-  }
-  void Finalize() override {
-    ConsoleReporter::Finalize();
+}  // namespace
+
+int main(int argc, char** argv) {
+  return qzbench::Run(argc, argv, qzbench::Clock::kCpu, [](const qzbench::Times& t) {
     printf("\nRatios: qzbase CPU time / std::string CPU time (below 1: faster)\n\n");
     const char* rows[][2] = {{"Copy", "1 KiB copy (goal <= 0.20)"},
                              {"Assign", "1 KiB assignment (goal <= 0.20)"},
@@ -187,25 +183,8 @@ class RatioReporter : public benchmark::ConsoleReporter {
                              {"AppendWide", "1000 x += u\"word \" (wide)"},
                              {"ReplaceShorter", "replace the -> a, 1 KiB"},
                              {"ReplaceSameLength", "replace the -> THE, 1 KiB"}};
-    for (auto& row : rows) {
-      auto ours = times_.find(std::string("Qz") + row[0]), peer = times_.find(std::string("Std") + row[0]);
-      if (ours == times_.end() || peer == times_.end() || peer->second <= 0) continue;
-      printf("  %-34s %6.2f\n", row[1], ours->second / peer->second);
-    }
+    for (auto& row : rows)
+      printf("  %-34s %6s\n", row[1], t.Ratio(std::string("Qz") + row[0], std::string("Std") + row[0]).c_str());
     printf("\n");
-  }
-
- private:
-  std::map<std::string, double> times_;
-};
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
+  });
 }

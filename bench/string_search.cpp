@@ -1,6 +1,7 @@
 // Formatting a log line and a case-blind search, against what a host would
 // write with the standard library. Prints, after the table, how many times
 // faster (above 1) or slower (below 1) each of ours is than its peer.
+#include "QzBenchReport.h"
 #include <benchmark/benchmark.h>
 
 #include <cctype>
@@ -80,38 +81,13 @@ void BM_FindIgnoreCase_StdNaive(benchmark::State& state) {
 }
 BENCHMARK(BM_FindIgnoreCase_StdNaive);
 
-// Collects the time per iteration of every run for the ratio lines.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    // With repetitions the median stands for the benchmark.
-    for (const Run& r : runs) {
-      if (r.error_occurred) continue;
-      if (r.run_type == Run::RT_Aggregate && r.aggregate_name != "median") continue;
-      times_[r.run_name.function_name] = r.GetAdjustedCPUTime();
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void Ratio(const char* ours, const char* peer) const {
-    auto a = times_.find(ours), b = times_.find(peer);
-    if (a == times_.end() || b == times_.end() || a->second <= 0) return;
-    std::printf("%-28s vs %-28s %.2fx %s\n", ours, peer, b->second / a->second,
-                b->second >= a->second ? "(goal met)" : "(slower than peer)");
-  }
-
- private:
-  std::map<std::string, double> times_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  std::printf("\nSpeed of ours relative to the peer (peer time / our time):\n");
-  reporter.Ratio("BM_Format_Qz", "BM_Format_StdSnprintf");
-  reporter.Ratio("BM_FindIgnoreCase_Qz", "BM_FindIgnoreCase_StdNaive");
-  benchmark::Shutdown();
-  return 0;
+  return qzbench::Run(argc, argv, qzbench::Clock::kCpu, [](const qzbench::Times& t) {
+    std::printf("\nSpeed of ours relative to the peer (peer time / our time; goal: at least 1):\n");
+    const char* pairs[][2] = {{"BM_Format_StdSnprintf", "BM_Format_Qz"},
+                              {"BM_FindIgnoreCase_StdNaive", "BM_FindIgnoreCase_Qz"}};
+    for (auto& p : pairs) std::printf("  %-28s vs %-28s %s\n", p[1], p[0], t.Ratio(p[0], p[1]).c_str());
+  });
 }
