@@ -144,8 +144,55 @@ void PrintStrings() {
   Row("text of 0x8007000E", QzStringA::GetWin32Error(static_cast<HRESULT>(0x8007000Eu)).c_str());
 }
 
+// ---- Pools ---------------------------------------------------------------------------
+void PrintPools() {
+  Heading("Memory pools");
+  char line[160];
+  QzMempool* pool = Qz_CreateMempool(0, 4);
+  Row("Qz_CreateMempool(0, 4)", pool != nullptr ? "a pool of up to 4 heaps" : "failed");
+  if (pool == nullptr) return;
+  const size_t sizes[] = {1, 24, 100, 1000, 100000};
+  int used = 0;
+  for (size_t n : sizes) {
+    void* block = Qz_MempoolAlloc(pool, n);
+    used += snprintf(line + used, sizeof line - used, "%s%zu->%zu", used ? ", " : "", n, Qz_MemblkSize(block));
+    Qz_MempoolFree(pool, block);
+  }
+  Row("asked -> usable bytes", line);
+  void* aligned = Qz_MempoolAlignedAlloc(pool, 4096, 100);
+  snprintf(line, sizeof line, "%s", (reinterpret_cast<uintptr_t>(aligned) & 4095) == 0 ? "on a 4096 boundary" : "misaligned!");
+  Row("aligned block (4096)", line);
+  Qz_MempoolAlignedFree(pool, aligned);
+  Qz_MempoolSetValue(pool, 42);
+  void* block = Qz_MempoolAlloc(pool, 16);
+  QzMempool* owner = nullptr;
+  unsigned long value = static_cast<unsigned long>(Qz_MempoolGetValue(&owner, block));
+  snprintf(line, sizeof line, "%lu, owner %s", value, owner == pool ? "found" : "not found");
+  Row("value set to 42, read back", line);
+  Qz_MempoolFree(0, block);  // any handle frees any block
+  Qz_DestroyMempool(pool);
+}
+
+// ---- Formatted output ------------------------------------------------------------------
+void PrintFormat() {
+  Heading("Formatted output (the library's own engine)");
+  char out[64];
+  QZ_SNPRINTF_A(out, sizeof out, "\"%g\"", 0.5);
+  Row("%g of 0.5", out);
+  QZ_SNPRINTF_A(out, sizeof out, "\"%e\"", 0.0);
+  Row("%e of 0.0", out);
+  QZ_SNPRINTF_A(out, sizeof out, "\"%#08x\"", 255);
+  Row("%#08x of 255", out);
+  int need = QZ_SNPRINTF_A(nullptr, 0, "%s: %d items, %08x, %.3f", "queue", 12, 0xBEEF, 3.14159);
+  char small[12];
+  int got = QZ_SNPRINTF_A(small, sizeof small, "%s: %d items, %08x, %.3f", "queue", 12, 0xBEEF, 3.14159);
+  snprintf(out, sizeof out, "measures %d, a 12-unit buffer gets %d: \"%s\"", need, got, small);
+  Row("a log line", out);
+}
+
 typedef void (*Section)();
-const Section kSections[] = {&PrintProcessor, &PrintPrimitives, &PrintSamples, &PrintStrings};
+const Section kSections[] = {&PrintProcessor, &PrintPrimitives, &PrintSamples, &PrintPools, &PrintFormat,
+                             &PrintStrings};
 
 }  // namespace
 
