@@ -168,8 +168,10 @@ void PrintPools() {
   QzMempool* owner = nullptr;
   unsigned long value = static_cast<unsigned long>(Qz_MempoolGetValue(&owner, block));
   snprintf(line, sizeof line, "%lu, owner %s", value, owner == pool ? "found" : "not found");
-  Row("value set to 42, read back", line);
-  Qz_MempoolFree(0, block);  // any handle frees any block
+  Row("pool value (set to 42)", line);
+  // Any handle frees any block, but a block must not sit in another pool's
+  // cache when its own pool is destroyed: give it back through its pool.
+  Qz_MempoolFree(pool, block);
   Qz_DestroyMempool(pool);
 }
 
