@@ -1,24 +1,14 @@
 // The copy variants, each called directly, and the rectangle copy.
-#include <gtest/gtest.h>
-
-#include <string.h>
-
-#include <random>
-#include <vector>
-
 #include "FrameTestSupport.h"
-#include "QzPrimitives.h"
 
 namespace {
 
-struct CopyVariant {
+const struct CopyVariant {
   const char* name;
   QzMemcpyFn copy;
   void (*end)();  // run after the copy: the end a batch needs, or nothing
   bool usesMmx;   // a block leaves MMX state behind until the end runs
-};
-
-const CopyVariant kVariants[] = {
+} kVariants[] = {
     {"plain", &QzMemcpyPlain, &QzMemcpyEndNone, false},
     {"mmx", &QzMemcpyMmx, &QzMemcpyEndNone, false},
     {"mmx partial", &QzMemcpyMmxPartial, &QzMemcpyEndMmx, true},
@@ -27,7 +17,7 @@ const CopyVariant kVariants[] = {
 };
 
 // Copies `count` bytes between offsets of two guarded buffers and checks the
-// copy and that nothing around it moved.
+// copy, the result, and that nothing around the copy moved.
 void CheckCopy(const CopyVariant& v, size_t count, size_t dstOffset, size_t srcOffset, uint32_t seed) {
   const size_t guard = 80;
   std::vector<unsigned char> src(count + srcOffset + 2 * guard), dst(count + dstOffset + 2 * guard);
@@ -39,40 +29,19 @@ void CheckCopy(const CopyVariant& v, size_t count, size_t dstOffset, size_t srcO
   size_t result = v.copy(&dst[guard + dstOffset], &src[guard + srcOffset], count);
   v.end();
   ASSERT_EQ(result, count) << v.name;
-  ASSERT_TRUE(dst == expected) << v.name << " count " << count << " dst+" << dstOffset << " src+"
-                               << srcOffset;
+  ASSERT_TRUE(dst == expected) << v.name << " count " << count << " dst+" << dstOffset << " src+" << srcOffset;
 }
 
-TEST(FrameCopy, EdgeCountsOnEveryVariant) {
-  for (const CopyVariant& v : kVariants) {
-    SCOPED_TRACE(v.name);
-    for (size_t count : {0, 1, 2, 3, 4, 5, 6, 7, 8, 63, 64, 65, 100, 127, 128, 129, 4096})
-      for (size_t off : {0, 1, 3, 7})
-        CheckCopy(v, count, off, (off * 5) % 8, static_cast<uint32_t>(count * 31 + off));
-  }
-}
-
-TEST(FrameCopy, CountZeroTouchesNothingAndReturnsZero) {
-  for (const CopyVariant& v : kVariants) {
-    unsigned char a = 1, b = 2;
-    EXPECT_EQ(v.copy(&a, &b, 0), 0u) << v.name;
-    v.end();
-    EXPECT_EQ(a, 1);
-    // Nothing is read or written either: a null pair with count 0 is fine.
-    EXPECT_EQ(v.copy(nullptr, nullptr, 0), 0u) << v.name;
-    v.end();
-  }
-}
-
-TEST(FrameCopy, RandomSizesAndAlignmentsMatchMemcpy) {
+TEST(FrameCopy, EveryVariantMatchesMemcpyAtEdgeAndRandomCounts) {
   std::mt19937 rng(2024);
   for (const CopyVariant& v : kVariants) {
     SCOPED_TRACE(v.name);
-    for (int i = 0; i < 300; ++i) {
-      size_t count = rng() % (i < 250 ? 700 : 70000);
-      CheckCopy(v, count, rng() % 16, rng() % 16, rng());
-      if (HasFatalFailure()) return;
-    }
+    EXPECT_EQ(v.copy(nullptr, nullptr, 0), 0u);  // count 0 touches nothing
+    v.end();
+    for (size_t count : {0, 1, 2, 3, 4, 5, 6, 7, 8, 63, 64, 65, 100, 127, 128, 129, 4096})
+      for (size_t off : {0, 1, 3, 7}) CheckCopy(v, count, off, (off * 5) % 8, static_cast<uint32_t>(count * 31 + off));
+    for (int i = 0; i < 300 && !HasFatalFailure(); ++i)
+      CheckCopy(v, rng() % (i < 250 ? 700 : 70000), rng() % 16, rng() % 16, rng());
   }
 }
 
@@ -81,15 +50,11 @@ TEST(FrameCopy, MmxStateIsTouchedOnlyByBlocksAndClearedByTheEnd) {
   alignas(64) unsigned char src[256] = {}, dst[256];
   for (const CopyVariant& v : kVariants) {
     SCOPED_TRACE(v.name);
-    // 63 bytes go by the tail alone.
-    v.copy(dst, src, 63);
+    v.copy(dst, src, 63);  // the tail alone
     EXPECT_EQ(frametest::X87TagWord(), 0xFFFFu);
-    // 64 bytes to a destination 1 above a multiple of 8: a head of 7 leaves
-    // 57, no block runs.
-    v.copy(dst + 1, src, 64);
+    v.copy(dst + 1, src, 64);  // a head of 7 leaves 57: no block
     EXPECT_EQ(frametest::X87TagWord(), 0xFFFFu);
-    // 100 bytes to an aligned destination: one block.
-    v.copy(dst, src, 100);
+    v.copy(dst, src, 100);  // one block
     unsigned tags = frametest::X87TagWord();
     v.end();
     EXPECT_EQ(tags == 0xFFFFu, !v.usesMmx) << std::hex << tags;
@@ -98,109 +63,55 @@ TEST(FrameCopy, MmxStateIsTouchedOnlyByBlocksAndClearedByTheEnd) {
 }
 #endif
 
-// ---- Rectangles -------------------------------------------------------------------
-
-// Counts the calls made through the copy slots while it lives.
-class SlotSpy {
- public:
-  SlotSpy()
-      : savedCopy_(Qz_FastMemcpy), savedPartial_(Qz_FastMemcpyPartial), savedEnd_(Qz_FastMemcpyEnd) {
-    spy_ = this;
-    Qz_FastMemcpy = &Copy;
-    Qz_FastMemcpyPartial = &Partial;
-    Qz_FastMemcpyEnd = &End;
+// Counts the calls made through the copy slots, and passes them on to the
+// variants the slots held.
+struct SlotSpy {
+  static inline size_t copies, partials, ends, bytes;
+  static inline QzMemcpyFn copy, partial;
+  static inline void (*end)();
+  SlotSpy() {
+    copies = partials = ends = bytes = 0;
+    copy = Qz_FastMemcpy, partial = Qz_FastMemcpyPartial, end = Qz_FastMemcpyEnd;
+    Qz_FastMemcpy = [](void* d, const void* s, size_t n) { return ++copies, bytes += n, copy(d, s, n); };
+    Qz_FastMemcpyPartial = [](void* d, const void* s, size_t n) { return ++partials, bytes += n, partial(d, s, n); };
+    Qz_FastMemcpyEnd = [] { ++ends, end(); };
   }
-  ~SlotSpy() {
-    Qz_FastMemcpy = savedCopy_;
-    Qz_FastMemcpyPartial = savedPartial_;
-    Qz_FastMemcpyEnd = savedEnd_;
-    spy_ = nullptr;
-  }
-  int copies = 0, partials = 0, ends = 0;
-  size_t copiedBytes = 0;
-
- private:
-  static size_t Copy(void* d, const void* s, size_t n) {
-    spy_->copies++;
-    spy_->copiedBytes += n;
-    return spy_->savedCopy_(d, s, n);
-  }
-  static size_t Partial(void* d, const void* s, size_t n) {
-    spy_->partials++;
-    spy_->copiedBytes += n;
-    return spy_->savedPartial_(d, s, n);
-  }
-  static void End() {
-    spy_->ends++;
-    spy_->savedEnd_();
-  }
-  static SlotSpy* spy_;
-  QzMemcpyFn savedCopy_, savedPartial_;
-  void (*savedEnd_)();
+  ~SlotSpy() { Qz_FastMemcpy = copy, Qz_FastMemcpyPartial = partial, Qz_FastMemcpyEnd = end; }
 };
-SlotSpy* SlotSpy::spy_ = nullptr;
 
-TEST(FrameRect, EmptyRectanglesCallNoSlot) {
-  SlotSpy spy;
-  unsigned char a[16] = {}, b[16] = {1};
-  Qz_MemcpyRect(a, 4, b, 4, 0, 4);
-  Qz_MemcpyRect(a, 4, b, 4, 4, 0);
-  Qz_MemcpyRect(nullptr, 0, nullptr, 0, 0, 100);
-  EXPECT_EQ(spy.copies + spy.partials + spy.ends, 0);
-  EXPECT_EQ(a[0], 0);
-}
-
-TEST(FrameRect, EqualStridesAreOneRunWithoutAnEnd) {
-  SlotSpy spy;
-  std::vector<unsigned char> src(12 * 50), dst(12 * 50);
-  for (size_t i = 0; i < src.size(); ++i) src[i] = static_cast<unsigned char>(i * 7);
-  Qz_MemcpyRect(dst.data(), 12, src.data(), 12, 12, 50);
-  EXPECT_EQ(spy.copies, 1);
-  EXPECT_EQ(spy.copiedBytes, 600u);
-  EXPECT_EQ(spy.partials, 0);
-  EXPECT_EQ(spy.ends, 0);
-  EXPECT_TRUE(src == dst);
-  // Width equal to one stride only is not a run.
-  Qz_MemcpyRect(dst.data(), 12, src.data(), 24, 12, 25);
-  EXPECT_EQ(spy.copies, 1);
-  EXPECT_EQ(spy.partials, 25);
-  EXPECT_EQ(spy.ends, 1);
-}
-
-// Reference: the same walk, byte by byte.
-void RectByHand(unsigned char* d, ptrdiff_t ds, const unsigned char* s, ptrdiff_t ss, size_t w, size_t rows) {
-  for (size_t r = 0; r < rows; ++r, d += ds, s += ss)
-    for (size_t i = 0; i < w; ++i) d[i] = s[i];
-}
-
-TEST(FrameRect, GapsAndNegativeStridesOnEveryCopyChoice) {
-  const uint32_t choices[] = {0, QZ_CPU_HAS_MMX, QZ_CPU_HAS_SSE};
-  struct Shape {
+TEST(FrameRect, RowsStridesAndSlotCallsOnEveryCopyChoice) {
+  const struct Shape {
     ptrdiff_t dstStride, srcStride;
-    size_t width, rows;
-  };
-  const Shape shapes[] = {{200, 160, 150, 9}, {-200, 160, 150, 9}, {200, -160, 130, 9},
-                          {-96, -96, 96, 12}, {70, 300, 3, 40},    {-1000, 1000, 999, 5}};
-  for (uint32_t features : choices) {
+    size_t width, rows, copies, partials, ends;
+  } shapes[] = {{200, 160, 150, 9, 0, 9, 1},   {-200, 160, 150, 9, 0, 9, 1}, {200, -160, 130, 9, 0, 9, 1},
+                {-96, -96, 96, 12, 0, 12, 1},  {70, 300, 3, 40, 0, 40, 1},   {-1000, 1000, 999, 5, 0, 5, 1},
+                {12, 12, 12, 50, 1, 0, 0},     {12, 24, 12, 25, 0, 25, 1},   {4, 4, 0, 4, 0, 0, 0},
+                {4, 4, 4, 0, 0, 0, 0}};
+  for (uint32_t features : {0u, QZ_CPU_HAS_MMX, QZ_CPU_HAS_SSE}) {
     QzFillCopySlots(features);
     for (const Shape& sh : shapes) {
       SCOPED_TRACE(testing::Message() << "features " << features << " strides " << sh.dstStride << "/"
-                                      << sh.srcStride << " width " << sh.width);
-      const size_t span = 1000 * 14;
-      std::vector<unsigned char> src(span), dst(span, 0xEE), expected(span, 0xEE);
+                                      << sh.srcStride << " width " << sh.width << " rows " << sh.rows);
+      std::vector<unsigned char> src(14000), dst(14000, 0xEE), expected(14000, 0xEE);
       std::mt19937 rng(static_cast<uint32_t>(sh.width));
       for (auto& b : src) b = static_cast<unsigned char>(rng());
       // A negative stride starts at the last row and walks down.
-      size_t d0 = sh.dstStride < 0 ? static_cast<size_t>(-sh.dstStride) * (sh.rows - 1) + 1 : 1;
-      size_t s0 = sh.srcStride < 0 ? static_cast<size_t>(-sh.srcStride) * (sh.rows - 1) + 3 : 3;
-      RectByHand(&expected[d0], sh.dstStride, &src[s0], sh.srcStride, sh.width, sh.rows);
-      Qz_MemcpyRect(&dst[d0], sh.dstStride, &src[s0], sh.srcStride, sh.width, sh.rows);
+      size_t d = sh.dstStride < 0 ? static_cast<size_t>(-sh.dstStride) * (sh.rows - 1) + 1 : 1;
+      size_t s = sh.srcStride < 0 ? static_cast<size_t>(-sh.srcStride) * (sh.rows - 1) + 3 : 3;
+      for (ptrdiff_t r = 0; r < static_cast<ptrdiff_t>(sh.rows); ++r)
+        memcpy(expected.data() + d + r * sh.dstStride, src.data() + s + r * sh.srcStride, sh.width);
+      SlotSpy spy;
+      Qz_MemcpyRect(&dst[d], sh.dstStride, &src[s], sh.srcStride, sh.width, sh.rows);
       EXPECT_TRUE(dst == expected);
+      EXPECT_EQ((std::vector<size_t>{spy.copies, spy.partials, spy.ends, spy.bytes}),
+                (std::vector<size_t>{sh.copies, sh.partials, sh.ends, sh.width * sh.rows}))
+          << "copies, partials, ends, bytes";
     }
   }
+  Qz_MemcpyRect(nullptr, 0, nullptr, 0, 0, 100);  // nothing to copy, nothing touched
   QzFillCopySlots(QZ_CPU_INFO.features);
 #if defined(__i386__) || defined(__x86_64__)
-  EXPECT_EQ(frametest::X87TagWord(), 0xFFFFu);  // the rectangle ended its batch
+  EXPECT_EQ(frametest::X87TagWord(), 0xFFFFu);  // every rectangle ended its batch
 #endif
 }
 

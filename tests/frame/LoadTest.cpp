@@ -1,28 +1,14 @@
 // The load sequence, the load entry's reasons and Qz_TerminateLibrary.
-#include <gtest/gtest.h>
-
-#include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
-
 #include <atomic>
-
 #include <string>
-#include <vector>
 
-#include "QzFrame.h"
-#include "QzPrimitives.h"
+#include "FrameTestSupport.h"
 
 namespace {
 
-// What the slots held before any of the library's load code ran: this
+// What was wrong before any of the library's load code ran, if anything: this
 // constructor has a lower priority number than the library's, so it runs first.
-struct BeforeLoad {
-  bool copyWasPlain = false, partialWasPlain = false, endWasNone = false;
-  bool mathsWereNull = false;
-  bool copied = false;
-  size_t traceLength = 99;
-} g_beforeLoad;
+const char* g_beforeLoad = "not checked";
 
 // An at-exit entry registered before the library's constructors, as the
 // empty strings' entries are: at exit it must find detach already done.
@@ -38,96 +24,66 @@ void CheckDetachRanBeforeMe() {
 
 __attribute__((constructor(150))) void RecordBeforeLoad() {
   atexit(&CheckDetachRanBeforeMe);
-  g_beforeLoad.copyWasPlain = Qz_FastMemcpy == &QzMemcpyPlain;
-  g_beforeLoad.partialWasPlain = Qz_FastMemcpyPartial == &QzMemcpyPlain;
-  g_beforeLoad.endWasNone = Qz_FastMemcpyEnd == &QzMemcpyEndNone;
-  g_beforeLoad.mathsWereNull = Qz_Sqrt == nullptr && Qz_Truncate == nullptr && Qz_CosF == nullptr;
   char from[] = "copied before load", to[sizeof from] = {};
-  g_beforeLoad.copied = Qz_FastMemcpy(to, from, sizeof from) == sizeof from && strcmp(to, from) == 0;
+  g_beforeLoad = Qz_FastMemcpy != &QzMemcpyPlain || Qz_FastMemcpyPartial != &QzMemcpyPlain ||
+                         Qz_FastMemcpyEnd != &QzMemcpyEndNone ? "copy slots not plain"
+                 : Qz_Sqrt || Qz_Truncate || Qz_CosF ? "maths slots already filled"
+                 : Qz_FastMemcpy(to, from, sizeof from) != sizeof from || strcmp(to, from) ? "copy failed"
+                 : QzFrameTrace(nullptr, 0) != 0 ? "load code ran first" : "";
   Qz_FastMemcpyEnd();
-  g_beforeLoad.traceLength = QzFrameTrace(nullptr, 0);
 }
 
-std::vector<std::string> Trace() {
+// The steps that `step` adds to the trace.
+template <class F>
+std::vector<std::string> StepsOf(F step) {
   const char* entries[64];
-  size_t n = QzFrameTrace(entries, 64);
-  return std::vector<std::string>(entries, entries + std::min<size_t>(n, 64));
+  size_t before = std::min<size_t>(QzFrameTrace(entries, 64), 64);
+  step();
+  size_t after = std::min<size_t>(QzFrameTrace(entries, 64), 64);
+  return std::vector<std::string>(entries + before, entries + after);
 }
 
 // The steps of the families above the frame appear only when those families
 // are linked in; the order is fixed either way.
-std::vector<std::string> ExpectedAttach(bool withStaticInitialisers) {
-  std::vector<std::string> steps;
-  if (withStaticInitialisers) {
-    if (&QzLoadStepLogSink != nullptr) steps.push_back("static initialiser: log sink");
-    if (&QzLoadStepEmptyStrings != nullptr) steps.push_back("static initialiser: empty strings");
-  }
-  for (const char* s : {"load entry: attach", "DisableThreadLibraryCalls", "GetSystemInfo",
-                        "processor identification", "maths slots", "copy slots"})
-    steps.push_back(s);
+std::vector<std::string> Expected(std::vector<std::string> steps, void (*weak)(), const char* step) {
+  if (weak != nullptr) steps.push_back(step);
   return steps;
 }
+const std::vector<std::string> kAttach = {"load entry: attach", "DisableThreadLibraryCalls", "GetSystemInfo",
+                                          "processor identification", "maths slots", "copy slots"};
 
-TEST(FrameLoad, CopySlotsArePlainBeforeLoadCodeRuns) {
-  EXPECT_TRUE(g_beforeLoad.copyWasPlain);
-  EXPECT_TRUE(g_beforeLoad.partialWasPlain);
-  EXPECT_TRUE(g_beforeLoad.endWasNone);
-  EXPECT_TRUE(g_beforeLoad.mathsWereNull);
-  EXPECT_TRUE(g_beforeLoad.copied);
-  EXPECT_EQ(g_beforeLoad.traceLength, 0u);
+TEST(FrameLoad, CopySlotsArePlainBeforeLoadThenAttachRunsInOrder) {
+  EXPECT_STREQ(g_beforeLoad, "");
+  std::vector<std::string> expected = Expected({}, &QzLoadStepLogSink, "static initialiser: log sink");
+  expected = Expected(expected, &QzLoadStepEmptyStrings, "static initialiser: empty strings");
+  expected.insert(expected.end(), kAttach.begin(), kAttach.end());
+  const char* entries[64];
+  ASSERT_GE(std::min<size_t>(QzFrameTrace(entries, 64), 64), expected.size());
+  EXPECT_EQ(std::vector<std::string>(entries, entries + expected.size()), expected);
+  EXPECT_EQ(QzSystemInfo().dwPageSize, static_cast<qzsys::DWORD>(sysconf(_SC_PAGESIZE)));
+  // Every slot answers from the first call, as this processor allows.
+  EXPECT_EQ(Qz_Sqrt == &QzSse2Sqrt, (QZ_CPU_INFO.features & QZ_CPU_HAS_SSE2) != 0);
+  EXPECT_EQ(Qz_FastMemcpy == &QzMemcpyStream, (QZ_CPU_INFO.features & QZ_CPU_HAS_SSE) != 0);
+  EXPECT_TRUE(Qz_RSqrtF(4.0f) == 0.5f && Qz_Truncate(-2.7) == -2 && Qz_TruncateF(2.7f) == 2 && Qz_Round(0.5) == 0);
 }
 
-TEST(FrameLoad, AttachRanItsStepsInOrder) {
-  std::vector<std::string> expected = ExpectedAttach(true);
-  std::vector<std::string> trace = Trace();
-  ASSERT_GE(trace.size(), expected.size());
-  EXPECT_EQ(std::vector<std::string>(trace.begin(), trace.begin() + expected.size()), expected);
-  EXPECT_EQ(QzSystemInfo().dwPageSize & (QzSystemInfo().dwPageSize - 1), 0u);
-  EXPECT_GE(QzSystemInfo().dwPageSize, 4096u);
-  EXPECT_NE(Qz_Sqrt, nullptr);
-}
-
-TEST(FrameLoad, OtherReasonsDoNothing) {
-  size_t before = Trace().size();
-  auto sqrtSlot = Qz_Sqrt;
-  for (qzsys::DWORD reason : {2u, 3u, 4u, 0xFFFFFFFFu}) EXPECT_EQ(QzLoadEntry(nullptr, reason, nullptr), 1);
-  EXPECT_EQ(Trace().size(), before);
-  EXPECT_EQ(Qz_Sqrt, sqrtSlot);
-}
-
-TEST(FrameLoad, AttachAgainGivesTheSameSlotsAndDetachClosesTheLog) {
+TEST(FrameLoad, EntryReasonsAndTerminate) {
   auto copy = Qz_FastMemcpy;
   auto trunc = Qz_Truncate;
-  size_t before = Trace().size();
-  EXPECT_EQ(QzLoadEntry(nullptr, QZ_PROCESS_ATTACH, nullptr), 1);
-  std::vector<std::string> trace = Trace();
-  std::vector<std::string> expected = ExpectedAttach(false);
-  ASSERT_EQ(trace.size(), before + expected.size());
-  EXPECT_EQ(std::vector<std::string>(trace.begin() + before, trace.end()), expected);
-  EXPECT_EQ(Qz_FastMemcpy, copy);
-  EXPECT_EQ(Qz_Truncate, trunc);
-
-  before = trace.size();
-  EXPECT_EQ(QzLoadEntry(nullptr, QZ_PROCESS_DETACH, nullptr), 1);
-  trace = Trace();
-  std::vector<std::string> detach = {"load entry: detach"};
-  if (&QzUnloadStepDisableLog != nullptr) detach.push_back("disable log");
-  EXPECT_EQ(std::vector<std::string>(trace.begin() + before, trace.end()), detach);
-  // Detach leaves the primitives alone: the library stays usable to the end.
-  EXPECT_EQ(Qz_Truncate(-2.5), -2);
-}
-
-TEST(FrameLoad, TerminateReleasesConvertersThenClosesTheLogAndCanRunTwice) {
-  std::vector<std::string> once = {"terminate"};
-  if (&QzReleaseConverters != nullptr) once.push_back("release converters");
-  if (&QzUnloadStepDisableLog != nullptr) once.push_back("disable log");
-  for (int round = 0; round < 2; ++round) {
-    size_t before = Trace().size();
-    Qz_TerminateLibrary();
-    std::vector<std::string> trace = Trace();
-    EXPECT_EQ(std::vector<std::string>(trace.begin() + before, trace.end()), once) << round;
-  }
-  EXPECT_EQ(Qz_Sqrt(16.0), 4.0);  // still usable afterwards
+  EXPECT_EQ(StepsOf([] {
+              for (qzsys::DWORD why : {2u, 3u, 4u, 0xFFFFFFFFu}) EXPECT_EQ(QzLoadEntry(nullptr, why, nullptr), 1);
+            }),
+            std::vector<std::string>{});
+  EXPECT_EQ(StepsOf([] { EXPECT_EQ(QzLoadEntry(nullptr, QZ_PROCESS_ATTACH, nullptr), 1); }), kAttach);
+  EXPECT_TRUE(Qz_FastMemcpy == copy && Qz_Truncate == trunc);
+  EXPECT_EQ(StepsOf([] { EXPECT_EQ(QzLoadEntry(nullptr, QZ_PROCESS_DETACH, nullptr), 1); }),
+            Expected({"load entry: detach"}, &QzUnloadStepDisableLog, "disable log"));
+  // Terminate releases the converters, then closes the log, and may run twice.
+  std::vector<std::string> once = Expected({"terminate"}, &QzReleaseConverters, "release converters");
+  once = Expected(once, &QzUnloadStepDisableLog, "disable log");
+  for (int round = 0; round < 2; ++round) EXPECT_EQ(StepsOf(&Qz_TerminateLibrary), once) << round;
+  // Neither detach nor terminate touches the primitives: the library stays usable.
+  EXPECT_TRUE(Qz_Truncate(-2.5) == -2 && Qz_Sqrt(16.0) == 4.0);
 }
 
 TEST(FrameLoadDeathTest, DetachRunsAtExitBeforeEarlierAtExitEntries) {
