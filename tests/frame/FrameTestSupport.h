@@ -26,15 +26,15 @@ struct RoundingScope {
   int saved;
 };
 
-#if defined(__i386__) || defined(__x86_64__)
 // The x87 tag word: 0xFFFF when every register is empty, which is the state
 // that emms leaves and that MMX use destroys.
 inline unsigned X87TagWord() {
-  unsigned char env[28];
-  __asm__ __volatile__("fnstenv %0\n\tfldenv %0" : "=m"(env) : : "memory");
+  unsigned char env[28] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+#if defined(__i386__) || defined(__x86_64__)
+  __asm__ __volatile__("fnstenv %0\n\tfldenv %0" : "+m"(env) : : "memory");
+#endif
   return static_cast<unsigned>(env[8] | (env[9] << 8));
 }
-#endif
 
 // Three consecutive pages: read-write, read-only and without access, until
 // Protect changes one.
