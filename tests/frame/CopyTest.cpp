@@ -3,12 +3,9 @@
 
 namespace {
 
-const struct CopyVariant {
-  const char* name;
-  QzMemcpyFn copy;
-  void (*end)();  // run after the copy: the end a batch needs, or nothing
-  bool usesMmx;   // a block leaves MMX state behind until the end runs
-} kVariants[] = {
+// Each variant with the end to run after it (the one a batch needs, or
+// nothing), and whether a block leaves MMX state behind until that end.
+const struct CopyVariant { const char* name; QzMemcpyFn copy; void (*end)(); bool usesMmx; } kVariants[] = {
     {"plain", &QzMemcpyPlain, &QzMemcpyEndNone, false},
     {"mmx", &QzMemcpyMmx, &QzMemcpyEndNone, false},
     {"mmx partial", &QzMemcpyMmxPartial, &QzMemcpyEndMmx, true},
@@ -72,10 +69,7 @@ struct SlotSpy {
 };
 
 TEST(FrameRect, RowsStridesAndSlotCallsOnEveryCopyChoice) {
-  const struct Shape {
-    ptrdiff_t dstStride, srcStride;
-    size_t width, rows, copies, partials, ends;
-  } shapes[] = {{200, 160, 150, 9, 0, 9, 1},   {-200, 160, 150, 9, 0, 9, 1}, {200, -160, 130, 9, 0, 9, 1},
+  const struct Shape { ptrdiff_t dstStride, srcStride; size_t width, rows, copies, partials, ends; } shapes[] = {{200, 160, 150, 9, 0, 9, 1},   {-200, 160, 150, 9, 0, 9, 1}, {200, -160, 130, 9, 0, 9, 1},
                 {-96, -96, 96, 12, 0, 12, 1},  {70, 300, 3, 40, 0, 40, 1},   {-1000, 1000, 999, 5, 0, 5, 1},
                 {12, 12, 12, 50, 1, 0, 0},     {12, 24, 12, 25, 0, 25, 1},   {4, 4, 0, 4, 0, 0, 0},
                 {4, 4, 4, 0, 0, 0, 0}};

@@ -1,7 +1,6 @@
 // The region checks and the guard they stand on.
 #include <signal.h>
 
-#include <atomic>
 #include <functional>
 #include <thread>
 
@@ -11,20 +10,13 @@ namespace {
 
 using frametest::Pages;
 
-TEST(FrameRegion, PagesByTheirAccessRightsAndTheProbeStep) {
+TEST(FrameRegion, PagesByTheirAccessRightsAndTheProbeStepOnFourThreads) {
   Pages pages;
   const size_t P = pages.size();
-  const struct {
-    const char* name;
-    int page;
-    size_t offset, size;
-    int read, write;
-  } rows[] = {
+  const struct { const char* name; int page; size_t offset, size; int read, write; } rows[] = {
       {"read-write page", 0, 0, P, 1, 1},
       {"read-only page", 1, 0, P, 1, 0},
-      {"inside the read-only page", 1, 100, 1, 1, 0},
       {"page without access", 2, 0, 1, 0, 0},
-      {"last byte without access", 2, P - 1, 1, 0, 0},
       {"read-write into read-only", 0, 0, 2 * P, 1, 0},
       {"into no access", 0, 0, 3 * P, 0, 0},
       // Probes stand one page apart from the first, and the last address
@@ -38,20 +30,25 @@ TEST(FrameRegion, PagesByTheirAccessRightsAndTheProbeStep) {
       {"write rounds down, reaches", 0, 19, P - 2, 1, 0},
       {"read does not round", 1, 19, P - 2, 1, 0},
   };
-  for (const auto& r : rows) {
-    EXPECT_EQ(Qz_IsValidReadRegion(pages.page(r.page) + r.offset, r.size), r.read) << r.name;
-    EXPECT_EQ(Qz_IsValidWriteRegion(pages.page(r.page) + r.offset, r.size), r.write) << r.name;
+  // Four threads at once, so that the answers of one never leak into another.
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < 200; ++round) {
+        for (const auto& r : rows) {
+          ASSERT_EQ(Qz_IsValidReadRegion(pages.page(r.page) + r.offset, r.size), r.read) << r.name;
+          ASSERT_EQ(Qz_IsValidWriteRegion(pages.page(r.page) + r.offset, r.size), r.write) << r.name;
+        }
+      }
+    });
   }
+  for (auto& th : threads) th.join();
 }
 
 TEST(FrameRegion, SizeZeroFirstThenNullAndWildPointers) {
   int local = 0;
   void* code = reinterpret_cast<void*>(&Qz_TerminateLibrary);
-  const struct {
-    uintptr_t at;
-    size_t size;
-    int read, write;
-  } rows[] = {
+  const struct { uintptr_t at; size_t size; int read, write; } rows[] = {
       {0, 0, 1, 1}, {16, 0, 1, 1}, {0, 1, 0, 0}, {8, 4, 0, 0}, {4096, 4, 0, 0},
       {reinterpret_cast<uintptr_t>(&local), ~static_cast<size_t>(0), 0, 0},  // wraps the address space
       {~static_cast<uintptr_t>(0) - 15, 8, 0, 0},
@@ -82,24 +79,6 @@ TEST(FrameRegion, WriteCheckLeavesEveryWordAsItWas) {
   EXPECT_EQ(pages.page(1)[0], 0xA5);
 }
 
-TEST(FrameRegion, ThreadsProbeAtOnceWithoutMixingTheirAnswers) {
-  Pages pages;
-  std::atomic<int> wrong{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 2000; ++i) {
-        int which = (i + t) % 3;
-        if (Qz_IsValidReadRegion(pages.page(which), 64) != (which != 2) ||
-            Qz_IsValidWriteRegion(pages.page(which), 64) != (which == 0))
-          wrong++;
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
-  EXPECT_EQ(wrong.load(), 0);
-}
-
 // A caller that blocks the fault signal still gets its answer, and its mask back.
 TEST(FrameRegion, ProbesWorkWhileFaultSignalsAreBlockedAndKeepTheMask) {
   Pages pages;
@@ -127,12 +106,14 @@ void HostProbingHandler(int, siginfo_t*, void*) {
   _exit(Qz_IsValidReadRegion(pages.page(2), 1) == 0 && Qz_IsValidReadRegion(pages.page(1), 1) == 1 ? 50 : 51);
 }
 
+// The host's plain handler (or SIG_IGN, SIG_DFL) or handler with details for
+// `sig`; then a real fault, or raise(); and how the child ends.
 struct GuardCase {
   const char* name;
   int sig;
-  void (*plain)(int);                    // handler, SIG_IGN or SIG_DFL
-  void (*info)(int, siginfo_t*, void*);  // or a handler with details
-  bool fault;                            // a real fault, else raise()
+  void (*plain)(int);
+  void (*info)(int, siginfo_t*, void*);
+  bool fault;
   std::function<bool(int)> exit;
 };
 
