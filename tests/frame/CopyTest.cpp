@@ -69,10 +69,12 @@ struct SlotSpy {
 };
 
 TEST(FrameRect, RowsStridesAndSlotCallsOnEveryCopyChoice) {
-  const struct Shape { ptrdiff_t dstStride, srcStride; size_t width, rows, copies, partials, ends; } shapes[] = {{200, 160, 150, 9, 0, 9, 1},   {-200, 160, 150, 9, 0, 9, 1}, {200, -160, 130, 9, 0, 9, 1},
-                {-96, -96, 96, 12, 0, 12, 1},  {70, 300, 3, 40, 0, 40, 1},   {-1000, 1000, 999, 5, 0, 5, 1},
-                {12, 12, 12, 50, 1, 0, 0},     {12, 24, 12, 25, 0, 25, 1},   {4, 4, 0, 4, 0, 0, 0},
-                {4, 4, 4, 0, 0, 0, 0}};
+  // Strides, width and rows; then the calls to expect: copies, partials, ends.
+  const struct Shape { ptrdiff_t dstStride, srcStride; size_t width, rows, copies, partials, ends; } shapes[] = {
+      {200, 160, 150, 9, 0, 9, 1},  {-200, 160, 150, 9, 0, 9, 1}, {200, -160, 130, 9, 0, 9, 1},
+      {-96, -96, 96, 12, 0, 12, 1}, {70, 300, 3, 40, 0, 40, 1},   {-1000, 1000, 999, 5, 0, 5, 1},
+      {12, 12, 12, 50, 1, 0, 0},    {12, 24, 12, 25, 0, 25, 1},   {10, 20, 10, 1, 0, 1, 1},
+      {4, 4, 0, 4, 0, 0, 0},        {4, 4, 4, 0, 0, 0, 0}};
   for (uint32_t features : {0u, QZ_CPU_HAS_MMX, QZ_CPU_HAS_SSE}) {
     QzFillCopySlots(features);
     for (const Shape& sh : shapes) {

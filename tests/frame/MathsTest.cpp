@@ -11,12 +11,12 @@ using frametest::RoundingScope;
 const double kNan = std::numeric_limits<double>::quiet_NaN(), kInf = std::numeric_limits<double>::infinity();
 
 TEST(FrameTruncate, EveryVariantTruncatesTowardsZeroInEveryRoundingMode) {
-  std::vector<std::pair<double, int>> rows = {{2.7, 2},     {-2.7, -2},      {2.5, 2},     {-2.5, -2},   {3.5, 3},     {-3.5, -3},
-              {0.5, 0},     {-0.5, 0},       {0.0, 0},     {-0.0, 0},    {1.0, 1},     {-1.0, -1},
-              {0.999, 0},   {-0.999, 0},     {1e-30, 0},   {-1e-30, 0},  {-1000.25, -1000},
-              {16777215.0, 16777215},        {-8388607.5, -8388607},     {2147483647.0, INT_MAX},
-              {-2147483648.0, INT_MIN},      {1e10, INT_MIN},            {-1e10, INT_MIN},
-              {kNan, INT_MIN}, {kInf, INT_MIN}, {-kInf, INT_MIN}};
+  std::vector<std::pair<double, int>> rows = {
+      {2.7, 2},     {-2.7, -2},   {2.5, 2},     {-2.5, -2},    {3.5, 3},          {-3.5, -3},
+      {0.5, 0},     {-0.5, 0},    {0.0, 0},     {-0.0, 0},     {1.0, 1},          {-1.0, -1},
+      {0.999, 0},   {-0.999, 0},  {1e-30, 0},   {-1e-30, 0},   {-1000.25, -1000}, {1e10, INT_MIN},
+      {16777215.0, 16777215},     {-8388607.5, -8388607},      {2147483647.0, INT_MAX},
+      {-2147483648.0, INT_MIN},   {-1e10, INT_MIN}, {kNan, INT_MIN}, {kInf, INT_MIN}, {-kInf, INT_MIN}};
   std::mt19937 rng(7);
   std::uniform_real_distribution<double> dist(-2.0e9, 2.0e9);
   for (int i = 0; i < 2000; ++i) {  // random values in range, against the compiler
@@ -40,10 +40,11 @@ TEST(FrameTruncate, EveryVariantTruncatesTowardsZeroInEveryRoundingMode) {
 
 TEST(FrameRound, FollowsTheRoundingModeWithTiesToEven) {
   const int kNear = FE_TONEAREST;
-  const struct { int mode; double in; int out; } rows[] = {{kNear, 0.5, 0},   {kNear, 1.5, 2},         {kNear, 2.5, 2},         {kNear, 3.5, 4},
-              {kNear, -2.5, -2}, {kNear, -1.5, -2},       {kNear, -0.5, 0},        {kNear, 2.6, 3},
-              {kNear, 3e9, INT_MIN}, {kNear, -3e9, INT_MIN}, {kNear, kNan, INT_MIN}, {FE_UPWARD, 2.1, 3},
-              {FE_UPWARD, -2.9, -2}, {FE_DOWNWARD, 2.9, 2}, {FE_DOWNWARD, -2.1, -3}, {FE_TOWARDZERO, -2.9, -2}};
+  const struct { int mode; double in; int out; } rows[] = {
+      {kNear, 0.5, 0},       {kNear, 1.5, 2},         {kNear, 2.5, 2},         {kNear, 3.5, 4},
+      {kNear, -2.5, -2},     {kNear, -1.5, -2},       {kNear, -0.5, 0},        {kNear, 2.6, 3},
+      {kNear, 3e9, INT_MIN}, {kNear, -3e9, INT_MIN},  {kNear, kNan, INT_MIN},  {FE_UPWARD, 2.1, 3},
+      {FE_UPWARD, -2.9, -2}, {FE_DOWNWARD, 2.9, 2},   {FE_DOWNWARD, -2.1, -3}, {FE_TOWARDZERO, -2.9, -2}};
   for (const auto& r : rows) {
     RoundingScope scope(r.mode);
     EXPECT_EQ(QzX87Round(r.in), r.out) << r.in << " mode " << r.mode;
