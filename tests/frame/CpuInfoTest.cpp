@@ -111,13 +111,8 @@ TEST(FrameCpuInfo, EachFeatureBitSetsExactlyItsFlag) {
 TEST(FrameCpuInfo, LineSizeFromClflushThenLeaf80000006ThenLeaf2) {
   // Leaf 1 line size field, highest extended leaf, line size of leaf 0x80000006,
   // answers of leaf 2; the line flags, and the reads of 0x80000006 and 2.
-  struct Row {
-    const char* name;
-    uint32_t clflush, maxExt, ext6Ecx;
-    std::vector<Answer> leaf2;
-    uint32_t flags;
-    int ext6Reads, leaf2Reads;
-  } rows[] = {
+  struct Row { const char* name; uint32_t clflush, maxExt, ext6Ecx; std::vector<Answer> leaf2;
+               uint32_t flags; int ext6Reads, leaf2Reads; } rows[] = {
       {"clflush 8", 8, 0x80000008u, 32, {{0x2C01, 0, 0, 0}}, QZ_CPU_LINE_64, 0, 0},
       {"clflush 4", 4, 0x80000008u, 64, {{0x2C01, 0, 0, 0}}, QZ_CPU_LINE_32, 0, 0},
       {"clflush 16 tries nothing else", 16, 0x80000008u, 64, {{0x2C01, 0, 0, 0}}, 0, 0, 0},

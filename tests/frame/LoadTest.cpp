@@ -52,7 +52,7 @@ std::vector<std::string> Expected(std::vector<std::string> steps, void (*weak)()
 const std::vector<std::string> kAttach = {"load entry: attach", "DisableThreadLibraryCalls", "GetSystemInfo",
                                           "processor identification", "maths slots", "copy slots"};
 
-TEST(FrameLoad, CopySlotsArePlainBeforeLoadThenAttachRunsInOrder) {
+TEST(FrameLoad, PlainCopiesBeforeLoadThenEachEntryReasonAndTerminateInOrder) {
   EXPECT_STREQ(g_beforeLoad, "");
   std::vector<std::string> expected = Expected({}, &QzLoadStepLogSink, "static initialiser: log sink");
   expected = Expected(expected, &QzLoadStepEmptyStrings, "static initialiser: empty strings");
@@ -65,9 +65,8 @@ TEST(FrameLoad, CopySlotsArePlainBeforeLoadThenAttachRunsInOrder) {
   EXPECT_EQ(Qz_Sqrt == &QzSse2Sqrt, (QZ_CPU_INFO.features & QZ_CPU_HAS_SSE2) != 0);
   EXPECT_EQ(Qz_FastMemcpy == &QzMemcpyStream, (QZ_CPU_INFO.features & QZ_CPU_HAS_SSE) != 0);
   EXPECT_TRUE(Qz_RSqrtF(4.0f) == 0.5f && Qz_Truncate(-2.7) == -2 && Qz_TruncateF(2.7f) == 2 && Qz_Round(0.5) == 0);
-}
 
-TEST(FrameLoad, EntryReasonsAndTerminate) {
+  // Then the entry's other reasons, attach again, detach, and terminate.
   auto copy = Qz_FastMemcpy;
   auto trunc = Qz_Truncate;
   EXPECT_EQ(StepsOf([] {

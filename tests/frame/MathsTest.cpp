@@ -10,7 +10,7 @@ namespace {
 using frametest::RoundingScope;
 const double kNan = std::numeric_limits<double>::quiet_NaN(), kInf = std::numeric_limits<double>::infinity();
 
-TEST(FrameTruncate, EveryVariantTruncatesTowardsZeroInEveryRoundingMode) {
+TEST(FrameTruncate, EveryVariantTruncatesTowardsZeroInEveryRoundingModeAndRoundFollowsIt) {
   std::vector<std::pair<double, int>> rows = {
       {2.7, 2},     {-2.7, -2},   {2.5, 2},     {-2.5, -2},    {3.5, 3},          {-3.5, -3},
       {0.5, 0},     {-0.5, 0},    {0.0, 0},     {-0.0, 0},     {1.0, 1},          {-1.0, -1},
@@ -36,16 +36,14 @@ TEST(FrameTruncate, EveryVariantTruncatesTowardsZeroInEveryRoundingMode) {
       ASSERT_EQ(QzSseTruncateF(f), r.second) << f << " mode " << mode;
     }
   }
-}
-
-TEST(FrameRound, FollowsTheRoundingModeWithTiesToEven) {
+  // The x87 store itself follows the rounding mode, with ties to even.
   const int kNear = FE_TONEAREST;
-  const struct { int mode; double in; int out; } rows[] = {
+  const struct { int mode; double in; int out; } round[] = {
       {kNear, 0.5, 0},       {kNear, 1.5, 2},         {kNear, 2.5, 2},         {kNear, 3.5, 4},
       {kNear, -2.5, -2},     {kNear, -1.5, -2},       {kNear, -0.5, 0},        {kNear, 2.6, 3},
       {kNear, 3e9, INT_MIN}, {kNear, -3e9, INT_MIN},  {kNear, kNan, INT_MIN},  {FE_UPWARD, 2.1, 3},
       {FE_UPWARD, -2.9, -2}, {FE_DOWNWARD, 2.9, 2},   {FE_DOWNWARD, -2.1, -3}, {FE_TOWARDZERO, -2.9, -2}};
-  for (const auto& r : rows) {
+  for (const auto& r : round) {
     RoundingScope scope(r.mode);
     EXPECT_EQ(QzX87Round(r.in), r.out) << r.in << " mode " << r.mode;
     EXPECT_EQ(QzX87RoundF(static_cast<float>(r.in)), r.out) << r.in << " mode " << r.mode;

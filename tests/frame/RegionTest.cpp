@@ -105,14 +105,8 @@ void HostProbingHandler(int, siginfo_t*, void*) {
 
 // The host's plain handler (or SIG_IGN, SIG_DFL) or handler with details for
 // `sig`; then a real fault, or raise(); and how the child ends.
-struct GuardCase {
-  const char* name;
-  int sig;
-  void (*plain)(int);
-  void (*info)(int, siginfo_t*, void*);
-  bool fault;
-  std::function<bool(int)> exit;
-};
+struct GuardCase { const char* name; int sig; void (*plain)(int); void (*info)(int, siginfo_t*, void*);
+                   bool fault; std::function<bool(int)> exit; };
 
 // Installs the host's handling, then the guard by a probe, then signals.
 void HostThenGuardThenSignal(const GuardCase& c) {
