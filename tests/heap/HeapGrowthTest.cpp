@@ -1,5 +1,5 @@
 // Growth: appending, prepending and adding segments; direct mappings;
-// trimming; release of unused segments; system failures.
+// trimming; release of unused segments; system failures; corruption resets.
 #include <string.h>
 
 #include <vector>
@@ -22,299 +22,211 @@ std::vector<void*> FillTop(QzHeap* heap) {
   return blocks;
 }
 
-TEST(HeapGrowth, AppendedRegionExtendsTop) {
-  Placement place;
-  const size_t G = Granule();
-  place.Queue(8 * G);
-  ScopedHeap h;
-  ASSERT_EQ(place.base() + 8 * G, Addr(h.get()) - QZ_CHUNK_OVERHEAD);
-  std::vector<void*> blocks = FillTop(h);
-  QzChunk* oldTop = h->top;
-  place.Queue(9 * G);
-  void* b = QzHeapAlloc(h, kStep);
-  ASSERT_NE(nullptr, b);
-  EXPECT_EQ(oldTop, ChunkOf(b));  // cut from the enlarged top
-  EXPECT_EQ(2 * G, h->footprint);
-  EXPECT_EQ(2 * G, h->firstSegment.size);
-  const QzHeapCheckReport r = Report(h);
-  EXPECT_EQ(1u, r.segments);
-  EXPECT_EQ(0u, r.closedSegments);
-  EXPECT_HEAP_OK(h);
-}
-
-TEST(HeapGrowth, PrependedRegionServesTheRequestAtItsStart) {
-  Placement place;
-  const size_t G = Granule();
-  place.Queue(8 * G);
-  ScopedHeap h;
-  FillTop(h);
-  place.Queue(7 * G);
-  void* b = QzHeapAlloc(h, kStep);
-  ASSERT_NE(nullptr, b);
-  EXPECT_EQ(place.base() + 7 * G + QZ_CHUNK_OVERHEAD, Addr(b));
-  EXPECT_EQ(place.base() + 7 * G, h->firstSegment.base);
-  EXPECT_EQ(2 * G, h->firstSegment.size);
-  EXPECT_EQ(place.base() + 7 * G, h->lowestAddress);
-  // The rest of the region is one free chunk (the old first chunk, the heap
-  // record, is in use).
-  const QzHeapCheckReport r = Report(h);
-  EXPECT_EQ(1u, r.segments);
-  EXPECT_EQ(1u, r.freeChunks);
-  EXPECT_EQ(G - QzRequestToChunk(kStep), r.freeBytes);
-  EXPECT_HEAP_OK(h);
-  QzHeapFree(b);  // joins the free rest
-  EXPECT_EQ(1u, Report(h).freeChunks);
-  EXPECT_HEAP_OK(h);
-}
-
-TEST(HeapGrowth, PrependJoinsAFreeFirstChunk) {
+// A heap whose first region lies `granules` granules into a known free range;
+// later regions go where Next() says. Thresholds come back afterwards.
+struct Placed {
   ParamsScope params;
+  Placement place;
+  const size_t G = Granule();
+  QzHeap* h;
+  explicit Placed(size_t granules) {
+    Next(granules);
+    h = QzHeapCreate(0);
+  }
+  ~Placed() { QzHeapDestroy(h); }
+  void Next(size_t granules) { place.Queue(granules * G); }
+  uintptr_t At(size_t granules) const { return place.base() + granules * G; }
+};
+
+TEST(HeapGrowth, NeighbouringRegionsJoinTheSegment) {
+  Placed p(8);
   ASSERT_EQ(1, Qz_MempoolOpt(nullptr, -3, -1));  // big requests take segments
-  Placement place;
-  const size_t G = Granule();
-  place.Queue(8 * G);
-  ScopedHeap h;
-  FillTop(h);
-  place.Queue(7 * G);
-  void* b = QzHeapAlloc(h, kStep);  // prepended at 7G
-  ASSERT_EQ(place.base() + 7 * G + QZ_CHUNK_OVERHEAD, Addr(b));
+  ASSERT_EQ(p.At(8), Addr(p.h) - QZ_CHUNK_OVERHEAD);
+  // Appended: top grows and serves the request.
+  FillTop(p.h);
+  QzChunk* oldTop = p.h->top;
+  p.Next(9);
+  EXPECT_EQ(oldTop, ChunkOf(QzHeapAlloc(p.h, kStep)));
+  EXPECT_EQ(2 * p.G, p.h->firstSegment.size);
+  EXPECT_HEAP_OK(p.h);
+  // Prepended: the request sits at the region's start, the rest is free.
+  FillTop(p.h);
+  p.Next(7);
+  void* b = QzHeapAlloc(p.h, kStep);
+  ASSERT_EQ(p.At(7) + QZ_CHUNK_OVERHEAD, Addr(b));
+  EXPECT_EQ(p.At(7), p.h->firstSegment.base);
+  EXPECT_EQ(p.At(7), p.h->lowestAddress);
+  EXPECT_EQ(p.G - QzRequestToChunk(kStep), Report(p.h).freeBytes);
+  EXPECT_HEAP_OK(p.h);
   QzHeapFree(b);  // [7G, 8G) is one free chunk now
-  ASSERT_EQ(1u, Report(h).freeChunks);
-  ASSERT_EQ(G, Report(h).freeBytes);
-  // Fits nowhere: a region of two granules goes right before it.
-  place.Queue(5 * G);
-  void* c = QzHeapAlloc(h, G + G / 2);
-  ASSERT_EQ(place.base() + 5 * G + QZ_CHUNK_OVERHEAD, Addr(c));
-  const QzHeapCheckReport r = Report(h);
+  ASSERT_EQ(p.G, Report(p.h).freeBytes);
+  // Fits nowhere: two granules go right before it and their rest joins it.
+  p.Next(5);
+  void* c = QzHeapAlloc(p.h, p.G + p.G / 2);
+  ASSERT_EQ(p.At(5) + QZ_CHUNK_OVERHEAD, Addr(c));
+  const QzHeapCheckReport r = Report(p.h);
   EXPECT_EQ(1u, r.segments);
-  EXPECT_EQ(1u, r.freeChunks);  // the rest of the region joined the free chunk
-  EXPECT_EQ(3 * G - ChunkSizeOf(c), r.freeBytes);
-  EXPECT_EQ(4 * G, h->firstSegment.size);
-  EXPECT_HEAP_OK(h);
-}
-
-TEST(HeapGrowth, PrependJoinsTop) {
-  ParamsScope params;
-  ASSERT_EQ(1, Qz_MempoolOpt(nullptr, -3, -1));
-  Placement place;
-  const size_t G = Granule();
-  place.Queue(2 * G);
-  ScopedHeap h;
-  QzHeapResetOnCorruption(h);  // next growth puts top at the start of a region
-  place.Queue(10 * G);
-  QzHeapFree(QzHeapAlloc(h, 100));
-  ASSERT_EQ(place.base() + 10 * G, Addr(h->top));
-  const size_t topSize = h->topSize;
-  place.Queue(8 * G);
-  void* c = QzHeapAlloc(h, G + G / 2);
-  ASSERT_EQ(place.base() + 8 * G + QZ_CHUNK_OVERHEAD, Addr(c));
-  EXPECT_EQ(Addr(ChunkOf(c)) + ChunkSizeOf(c), Addr(h->top));
-  EXPECT_EQ(topSize + 2 * G - ChunkSizeOf(c), h->topSize);
-  EXPECT_EQ(0u, Report(h).freeChunks);
-  EXPECT_HEAP_OK(h);
-}
-
-TEST(HeapGrowth, UnrelatedRegionClosesTheOldSegment) {
-  Placement place;
-  const size_t G = Granule();
-  place.Queue(8 * G);
-  ScopedHeap h;
-  FillTop(h);
-  const size_t oldTopSize = h->topSize;
-  const uintptr_t firstBase = h->firstSegment.base;
-  place.Queue(20 * G);
-  void* b = QzHeapAlloc(h, kStep);
-  ASSERT_NE(nullptr, b);
-  EXPECT_EQ(place.base() + 20 * G + QZ_CHUNK_OVERHEAD, Addr(b));
-  EXPECT_EQ(place.base() + 20 * G, h->firstSegment.base);
-  ASSERT_NE(nullptr, h->firstSegment.next);
-  EXPECT_EQ(firstBase, h->firstSegment.next->base);
-  EXPECT_EQ(G, h->firstSegment.next->size);
-  const QzHeapCheckReport r = Report(h);
-  EXPECT_EQ(2u, r.segments);
-  EXPECT_EQ(1u, r.closedSegments);
-  EXPECT_GT(r.fenceposts, 0u);
-  // The old top, less the record chunk, is in the bins now.
   EXPECT_EQ(1u, r.freeChunks);
-  EXPECT_EQ(oldTopSize + QZ_TOP_FOOT - QZ_SEGMENT_CHUNK - r.fenceposts * QZ_WORD - QZ_WORD, r.freeBytes);
-  EXPECT_HEAP_OK(h);
-  // The remainder is usable and never merges across the fenceposts.
-  void* c = QzHeapAlloc(h, r.freeBytes - QZ_CHUNK_OVERHEAD);
-  EXPECT_EQ(Addr(ChunkOf(c)) + ChunkSizeOf(c), Addr(h->firstSegment.next) - QZ_CHUNK_OVERHEAD);
-  EXPECT_HEAP_OK(h);
-  QzHeapFree(c);
-  EXPECT_HEAP_OK(h);
+  EXPECT_EQ(3 * p.G - ChunkSizeOf(c), r.freeBytes);
+  EXPECT_EQ(5 * p.G, p.h->firstSegment.size);
+  EXPECT_EQ(5 * p.G, p.h->footprint);
+  EXPECT_HEAP_OK(p.h);
+}
+
+TEST(HeapGrowth, AfterAResetOldBlocksAreDroppedAndAPrependJoinsTop) {
+  Placed p(2);
+  ASSERT_EQ(1, Qz_MempoolOpt(nullptr, -3, -1));
+  void* old = QzHeapAlloc(p.h, 100);
+  QzHeapResetOnCorruption(p.h);  // next growth puts top at the start of a region
+  p.Next(10);
+  QzHeapFree(QzHeapAlloc(p.h, 100));
+  ASSERT_EQ(p.At(10), Addr(p.h->top));
+  EXPECT_EQ(p.At(10), p.h->lowestAddress);
+  QzHeapFree(old);  // below the lowest address now
+  EXPECT_HEAP_OK(p.h);
+  const size_t topSize = p.h->topSize;
+  p.Next(8);
+  void* c = QzHeapAlloc(p.h, p.G + p.G / 2);
+  ASSERT_EQ(p.At(8) + QZ_CHUNK_OVERHEAD, Addr(c));
+  EXPECT_EQ(Addr(ChunkOf(c)) + ChunkSizeOf(c), Addr(p.h->top));
+  EXPECT_EQ(topSize + 2 * p.G - ChunkSizeOf(c), p.h->topSize);
+  EXPECT_EQ(0u, Report(p.h).freeChunks);
+  EXPECT_HEAP_OK(p.h);
 }
 
 TEST(HeapGrowth, SmallOldTopBecomesTheRecordChunk) {
-  Placement place;
-  const size_t G = Granule();
-  place.Queue(8 * G);
-  ScopedHeap h;
-  FillTop(h);
+  Placed p(8);
+  FillTop(p.h);
   // Leave less than a minimum chunk in front of where the record would go.
-  while (h->topSize > 4096) QzHeapAlloc(h, 2000);
-  if ((h->topSize / A) % 2 == 0) QzHeapAlloc(h, 3 * A - QZ_CHUNK_OVERHEAD);
-  while (h->topSize >= QZ_MIN_CHUNK + A) QzHeapAlloc(h, QZ_MIN_CHUNK - QZ_CHUNK_OVERHEAD);
-  ASSERT_EQ(A, h->topSize);
-  QzChunk* oldTop = h->top;
-  place.Queue(20 * G);
-  ASSERT_NE(nullptr, QzHeapAlloc(h, kStep));
-  EXPECT_EQ(reinterpret_cast<QzSegment*>(QzChunkToBlock(oldTop)), h->firstSegment.next);
-  EXPECT_EQ(0u, Report(h).freeChunks);
-  EXPECT_HEAP_OK(h);
+  while (p.h->topSize > 4096) QzHeapAlloc(p.h, 2000);
+  if ((p.h->topSize / A) % 2 == 0) QzHeapAlloc(p.h, 3 * A - QZ_CHUNK_OVERHEAD);
+  while (p.h->topSize >= QZ_MIN_CHUNK + A) QzHeapAlloc(p.h, QZ_MIN_CHUNK - QZ_CHUNK_OVERHEAD);
+  ASSERT_EQ(A, p.h->topSize);
+  QzChunk* oldTop = p.h->top;
+  p.Next(20);
+  ASSERT_NE(nullptr, QzHeapAlloc(p.h, kStep));
+  EXPECT_EQ(reinterpret_cast<QzSegment*>(QzChunkToBlock(oldTop)), p.h->firstSegment.next);
+  EXPECT_EQ(0u, Report(p.h).freeChunks);
+  EXPECT_HEAP_OK(p.h);
 }
 
-TEST(HeapGrowth, DirectMappingThreshold) {
+TEST(HeapGrowth, DirectMappings) {
   ParamsScope params;
   ScopedHeap h;
   const size_t G = Granule();
   const size_t threshold = QzHeapParams.directThreshold.load();
-  ASSERT_EQ(0x40000u, threshold);
   FillTop(h);
   const size_t before = h->footprint;
   // A chunk of exactly the threshold gets a mapping of its own.
   void* d = QzHeapAlloc(h, threshold - QZ_CHUNK_OVERHEAD);
   ASSERT_NE(nullptr, d);
-  EXPECT_EQ(threshold, QzRequestToChunk(threshold - QZ_CHUNK_OVERHEAD));
-  const QzChunk* p = ChunkOf(d);
-  EXPECT_EQ(0u, p->sizeWord & QZ_FLAG_BITS);  // no flags: directly mapped
-  EXPECT_EQ(0u, p->footWord);                 // offset from the region's start
-  EXPECT_EQ(G - QZ_DIRECT_FOOT, QzChunkSize(p));
+  const QzChunk* c = ChunkOf(d);
+  EXPECT_EQ(0u, c->sizeWord & QZ_FLAG_BITS);
+  EXPECT_EQ(0u, c->footWord);  // offset from the region's start
   EXPECT_EQ(G - QZ_DIRECT_FOOT - QZ_CHUNK_OVERHEAD, QzBlockUsableSize(d));
-  EXPECT_EQ(QZ_FENCEPOST, QzChunkAt(p, QzChunkSize(p))->sizeWord);
-  EXPECT_EQ(h.get(), QzBlockOwnerHeap(d));
+  EXPECT_EQ(QZ_FENCEPOST, QzChunkAt(c, QzChunkSize(c))->sizeWord);
   EXPECT_EQ(before + G, h->footprint);
-  for (size_t i = 0; i < QzBlockUsableSize(d); i += 4096) ASSERT_EQ(0, static_cast<char*>(d)[i]);
-  EXPECT_HEAP_OK(h);
   QzHeapFree(d);
   EXPECT_EQ(before, h->footprint);
-  // One alignment step below: an ordinary chunk from a new segment.
-  void* e = QzHeapAlloc(h, threshold - QZ_CHUNK_OVERHEAD - A);
-  ASSERT_NE(nullptr, e);
-  EXPECT_NE(0u, ChunkOf(e)->sizeWord & QZ_INUSE_BITS);
-  EXPECT_EQ(before + G, h->footprint);
-  EXPECT_HEAP_OK(h);
-}
-
-TEST(HeapGrowth, DirectMappingCostsWholeGranules) {
-  ScopedHeap h;
-  const size_t G = Granule();
-  const size_t before = h->footprint;
-  void* d = QzHeapAlloc(h, 3 * G);  // needs four granules with its tags
-  ASSERT_NE(nullptr, d);
+  // Whole granules; a reallocation within the slack stays, a small one moves back.
+  d = QzHeapAlloc(h, 3 * G);
   EXPECT_EQ(before + 4 * G, h->footprint);
-  EXPECT_EQ(before + 4 * G, h->maxFootprint);
-  static_cast<char*>(d)[3 * G - 1] = 1;
-  // Reallocating within the slack keeps it; shrinking far moves it.
   EXPECT_EQ(d, QzHeapRealloc(h, d, 3 * G + 4096));
-  void* small = QzHeapRealloc(h, d, 1000);
-  EXPECT_NE(d, small);
+  EXPECT_NE(d, QzHeapRealloc(h, d, 1000));
   EXPECT_EQ(before, h->footprint);
-  EXPECT_HEAP_OK(h);
-}
-
-TEST(HeapGrowth, AlignedDirectMapping) {
-  ScopedHeap h;
-  void* d = QzHeapAlignedAlloc(h, 65536, 2 * Granule());  // more than top holds
-  ASSERT_NE(nullptr, d);
+  // Aligned: the region goes back from its true start.
+  d = QzHeapAlignedAlloc(h, 65536, 2 * G);
   EXPECT_EQ(0u, Addr(d) % 65536);
   EXPECT_EQ(0u, ChunkOf(d)->sizeWord & QZ_INUSE_BITS);
-  const size_t before = h->footprint;
-  QzHeapFree(d);  // the region goes back from its true start
-  EXPECT_LT(h->footprint, before);
+  QzHeapFree(d);
+  EXPECT_EQ(before, h->footprint);
   EXPECT_HEAP_OK(h);
-}
-
-TEST(HeapGrowth, DirectMappingOffUsesSegments) {
-  ParamsScope params;
+  // One alignment step below the threshold, or with mapping off: a segment.
+  void* e = QzHeapAlloc(h, threshold - QZ_CHUNK_OVERHEAD - A);
+  EXPECT_NE(0u, ChunkOf(e)->sizeWord & QZ_INUSE_BITS);
+  EXPECT_EQ(before + G, h->footprint);
   ASSERT_EQ(1, Qz_MempoolOpt(nullptr, -3, -1));
-  ScopedHeap h;
-  void* d = QzHeapAlloc(h, 3 * Granule());
-  ASSERT_NE(nullptr, d);
-  EXPECT_NE(0u, ChunkOf(d)->sizeWord & QZ_INUSE_BITS);
+  EXPECT_NE(0u, ChunkOf(QzHeapAlloc(h, 3 * G))->sizeWord & QZ_INUSE_BITS);
   EXPECT_HEAP_OK(h);
 }
 
 TEST(HeapTrim, ReleasesAppendedGranulesOfTopsSegment) {
-  Placement place;
-  const size_t G = Granule();
-  place.Queue(4 * G);
-  ScopedHeap h;
-  FillTop(h);
-  place.Queue(20 * G);  // closes the first segment; top moves to 20G
-  std::vector<void*> blocks;
-  blocks.push_back(QzHeapAlloc(h, kStep));
+  Placed p(4);
+  FillTop(p.h);
+  p.Next(20);  // closes the first segment; top moves to 20G
+  std::vector<void*> blocks{QzHeapAlloc(p.h, kStep)};
   for (size_t k = 21; k < 24; ++k) {
-    std::vector<void*> more = FillTop(h);
+    std::vector<void*> more = FillTop(p.h);
     blocks.insert(blocks.end(), more.begin(), more.end());
-    place.Queue(k * G);  // appended
-    blocks.push_back(QzHeapAlloc(h, kStep));
+    p.Next(k);
+    blocks.push_back(QzHeapAlloc(p.h, kStep));
   }
-  EXPECT_EQ(4 * G, h->firstSegment.size);
-  EXPECT_EQ(5 * G, h->footprint);
-  EXPECT_HEAP_OK(h);
+  EXPECT_EQ(4 * p.G, p.h->firstSegment.size);
+  EXPECT_EQ(5 * p.G, p.h->footprint);
   for (void* b : blocks) {
     QzHeapFree(b);
-    ASSERT_HEAP_OK(h);
+    ASSERT_HEAP_OK(p.h);
   }
-  // top passed the 2 MiB threshold: everything but one granule went back.
-  EXPECT_EQ(G, h->firstSegment.size);
-  EXPECT_EQ(2 * G, h->footprint);
-  EXPECT_LE(h->topSize, G);
-  EXPECT_HEAP_OK(h);
+  // top passed the trim threshold: everything but one granule went back.
+  EXPECT_EQ(p.G, p.h->firstSegment.size);
+  EXPECT_EQ(2 * p.G, p.h->footprint);
+  EXPECT_LE(p.h->topSize, p.G);
 }
 
 TEST(HeapTrim, SegmentHoldingTheHeapNeverShrinks) {
-  ParamsScope params;
-  Placement place;
-  const size_t G = Granule();
+  Placed p(4);
   ASSERT_EQ(1, Qz_MempoolOpt(nullptr, -1, 64 * 1024));
-  place.Queue(4 * G);
-  ScopedHeap h;
-  std::vector<void*> blocks = FillTop(h);
-  place.Queue(5 * G);
-  blocks.push_back(QzHeapAlloc(h, kStep));  // appended to the heap's own segment
+  std::vector<void*> blocks = FillTop(p.h);
+  p.Next(5);
+  blocks.push_back(QzHeapAlloc(p.h, kStep));  // appended to the heap's own segment
   for (void* b : blocks) QzHeapFree(b);
-  EXPECT_EQ(2 * G, h->footprint);
-  EXPECT_EQ(~size_t(0), h->trimCheck);  // frees stop trying
-  EXPECT_HEAP_OK(h);
-  QzSpinLockAcquire(&h->lock);
-  EXPECT_EQ(0, QzHeapTrim(h, 0));
+  EXPECT_EQ(2 * p.G, p.h->footprint);
+  EXPECT_EQ(~size_t(0), p.h->trimCheck);  // frees stop trying
+  QzSpinLockAcquire(&p.h->lock);
   // A top smaller than pad plus the tail still looks for unused segments.
-  EXPECT_EQ(0, QzHeapTrim(h, 4 * G));
-  EXPECT_EQ(0, QzHeapTrim(h, QZ_MAX_REQUEST));
-  QzSpinLockRelease(&h->lock);
-  EXPECT_HEAP_OK(h);
+  for (size_t pad : {size_t(0), 4 * p.G, QZ_MAX_REQUEST}) EXPECT_EQ(0, QzHeapTrim(p.h, pad)) << pad;
+  QzSpinLockRelease(&p.h->lock);
+  EXPECT_HEAP_OK(p.h);
 }
 
-TEST(HeapRelease, UnusedOlderSegmentGoesBack) {
-  Placement place;
-  const size_t G = Granule();
-  place.Queue(4 * G);
-  ScopedHeap h;
-  FillTop(h);
-  place.Queue(10 * G);  // segment B, closes the first
-  std::vector<void*> inB;
-  inB.push_back(QzHeapAlloc(h, kStep));
-  std::vector<void*> more = FillTop(h);
+TEST(HeapGrowth, UnrelatedRegionsCloseSegmentsAndUnusedOnesGoBack) {
+  Placed p(4);
+  FillTop(p.h);
+  const size_t oldTopSize = p.h->topSize;
+  p.Next(10);  // segment B, closes the first
+  std::vector<void*> inB{QzHeapAlloc(p.h, kStep)};
+  EXPECT_EQ(p.At(10) + QZ_CHUNK_OVERHEAD, Addr(inB[0]));
+  EXPECT_EQ(p.At(10), p.h->firstSegment.base);
+  ASSERT_NE(nullptr, p.h->firstSegment.next);
+  EXPECT_EQ(p.At(4), p.h->firstSegment.next->base);
+  EXPECT_EQ(p.G, p.h->firstSegment.next->size);
+  QzHeapCheckReport r = Report(p.h);
+  EXPECT_EQ(1u, r.closedSegments);
+  EXPECT_GT(r.fenceposts, 0u);
+  // The old top, less the record chunk and the fenceposts, is in the bins,
+  // usable up to the record and never merged across the fenceposts.
+  EXPECT_EQ(1u, r.freeChunks);
+  EXPECT_EQ(oldTopSize + QZ_TOP_FOOT - QZ_SEGMENT_CHUNK - r.fenceposts * QZ_WORD - QZ_WORD, r.freeBytes);
+  void* c = QzHeapAlloc(p.h, r.freeBytes - QZ_CHUNK_OVERHEAD);
+  EXPECT_EQ(Addr(ChunkOf(c)) + ChunkSizeOf(c), Addr(p.h->firstSegment.next) - QZ_CHUNK_OVERHEAD);
+  QzHeapFree(c);
+  EXPECT_HEAP_OK(p.h);
+  std::vector<void*> more = FillTop(p.h);
   inB.insert(inB.end(), more.begin(), more.end());
-  place.Queue(20 * G);  // segment C, closes B
-  void* inC = QzHeapAlloc(h, kStep);
-  ASSERT_NE(nullptr, inC);
-  EXPECT_EQ(3u, Report(h).segments);
-  const size_t before = h->footprint;
+  p.Next(20);  // segment C, closes B
+  void* inC = QzHeapAlloc(p.h, kStep);
+  EXPECT_EQ(3u, Report(p.h).segments);
+  const size_t before = p.h->footprint;
   for (size_t i = 0; i + 1 < inB.size(); ++i) QzHeapFree(inB[i]);
-  EXPECT_HEAP_OK(h);
-  EXPECT_EQ(before, h->footprint);
-  h->releaseCountdown = 1;  // the next tree free looks for unused segments
+  EXPECT_EQ(before, p.h->footprint);
+  p.h->releaseCountdown = 1;  // the next tree free looks for unused segments
   QzHeapFree(inB.back());
-  EXPECT_EQ(4095u, h->releaseCountdown);
-  EXPECT_EQ(before - G, h->footprint);
-  EXPECT_EQ(2u, Report(h).segments);
-  EXPECT_HEAP_OK(h);
+  EXPECT_EQ(4095u, p.h->releaseCountdown);
+  EXPECT_EQ(before - p.G, p.h->footprint);
+  EXPECT_EQ(2u, Report(p.h).segments);
+  EXPECT_HEAP_OK(p.h);
   QzHeapFree(inC);
-  EXPECT_HEAP_OK(h);
+  EXPECT_HEAP_OK(p.h);
 }
 
 TEST(HeapFailure, VirtualAllocFailingLeavesTheHeapIntact) {
@@ -338,65 +250,31 @@ TEST(HeapFailure, VirtualAllocFailingLeavesTheHeapIntact) {
   EXPECT_HEAP_OK(h);
 }
 
-TEST(HeapCorruption, BrokenSmallLinkResetsTheHeap) {
-  ScopedHeap h;
-  void* a = QzHeapAlloc(h, 40);
-  void* g1 = QzHeapAlloc(h, 40);
-  void* b = QzHeapAlloc(h, 40);
-  void* guard = QzHeapAlloc(h, 40);
-  (void)g1;
-  QzHeapFree(a);
-  QzHeapFree(b);
-  const uint32_t errors = corruptionErrors.load();
-  const size_t footprint = h->footprint;
-  // A write after free overwrites b's forward link.
-  ChunkOf(b)->nextFree = reinterpret_cast<QzChunk*>(64);
-  void* c = QzHeapAlloc(h, 40);
-  EXPECT_EQ(b, c);  // the chunk already taken is still handed out
-  EXPECT_EQ(errors + 1, corruptionErrors.load());
-  EXPECT_EQ(nullptr, h->top);
-  EXPECT_HEAP_OK(h);
-  // The next allocation gets fresh system memory.
-  void* d = QzHeapAlloc(h, 40);
-  ASSERT_NE(nullptr, d);
-  EXPECT_EQ(footprint + Granule(), h->footprint);
-  EXPECT_EQ(h->firstSegment.base, h->lowestAddress);
-  EXPECT_EQ(1u, Report(h).segments);
-  EXPECT_HEAP_OK(h);
-  (void)guard;
-}
-
-TEST(HeapCorruption, BrokenTreeLinkResetsTheHeap) {
-  ScopedHeap h;
-  void* x[4];
-  for (int i = 0; i < 4; ++i) x[i] = QzHeapAlloc(h, 2000);
-  QzHeapFree(x[0]);
-  QzHeapFree(x[2]);  // ring behind x[0]
-  const uint32_t errors = corruptionErrors.load();
-  reinterpret_cast<QzTreeChunk*>(ChunkOf(x[0]))->nextFree = reinterpret_cast<QzTreeChunk*>(8);
-  void* c = QzHeapAlloc(h, 2000);
-  EXPECT_EQ(errors + 1, corruptionErrors.load());
-  EXPECT_HEAP_OK(h);
-  EXPECT_NE(nullptr, QzHeapAlloc(h, 2000));
-  EXPECT_HEAP_OK(h);
-  (void)c;
-}
-
-TEST(HeapCorruption, FreeAfterResetOfForgottenMemoryIsDropped) {
-  Placement place;
-  const size_t G = Granule();
-  place.Queue(4 * G);
-  ScopedHeap h;
-  void* old = QzHeapAlloc(h, 100);
-  QzHeapResetOnCorruption(h);
-  place.Queue(10 * G);
-  void* fresh = QzHeapAlloc(h, 100);
-  ASSERT_NE(nullptr, fresh);
-  EXPECT_EQ(place.base() + 10 * G, h->lowestAddress);
-  QzHeapFree(old);  // below the lowest address now: dropped
-  EXPECT_HEAP_OK(h);
-  QzHeapFree(fresh);
-  EXPECT_HEAP_OK(h);
+// A write after free breaks a link: the heap counts it, forgets its memory
+// and starts again from fresh system memory.
+TEST(HeapCorruption, BrokenLinksResetTheHeap) {
+  struct Row { const char* name; size_t size; int victim; } rows[] = {
+      {"small bin head", 40, 2}, {"tree ring", 2000, 0},
+  };
+  for (const Row& r : rows) {
+    ScopedHeap h;
+    void* x[4];
+    for (void*& p : x) p = QzHeapAlloc(h, r.size);
+    QzHeapFree(x[0]);
+    QzHeapFree(x[2]);
+    const uint32_t errors = corruptionErrors.load();
+    const size_t footprint = h->footprint;
+    ChunkOf(x[r.victim])->nextFree = reinterpret_cast<QzChunk*>(64);
+    QzHeapAlloc(h, r.size);
+    EXPECT_EQ(errors + 1, corruptionErrors.load()) << r.name;
+    EXPECT_EQ(nullptr, h->top) << r.name;
+    EXPECT_HEAP_OK(h) << r.name;
+    ASSERT_NE(nullptr, QzHeapAlloc(h, r.size)) << r.name;
+    EXPECT_EQ(footprint + Granule(), h->footprint) << r.name;
+    EXPECT_EQ(h->firstSegment.base, h->lowestAddress) << r.name;
+    EXPECT_EQ(1u, Report(h).segments) << r.name;
+    EXPECT_HEAP_OK(h) << r.name;
+  }
 }
 
 }  // namespace

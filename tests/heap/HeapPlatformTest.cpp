@@ -1,6 +1,5 @@
-// The memory calls of the platform layer, the spin lock, and the parameters.
-#include <string.h>
-
+// The memory calls of the platform layer, the spin lock, the parameters, and
+// one heap shared by several threads.
 #include <mutex>
 #include <random>
 #include <thread>
@@ -13,9 +12,11 @@ using namespace qzsys;
 
 namespace {
 
-TEST(PlatformMemory, AllocQueryFree) {
+constexpr DWORD kNew = MEM_RESERVE | MEM_COMMIT;
+
+TEST(PlatformMemory, AllocQueryFreeAndBadArguments) {
   const size_t before = QzVirtualAllocationCount();
-  char* p = static_cast<char*>(VirtualAlloc(nullptr, 10000, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+  char* p = static_cast<char*>(VirtualAlloc(nullptr, 10000, kNew, PAGE_READWRITE));
   ASSERT_NE(nullptr, p);
   EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(p) % 4096);
   for (int i = 0; i < 12288; i += 512) ASSERT_EQ(0, p[i]);  // zero-filled, whole pages
@@ -27,12 +28,9 @@ TEST(PlatformMemory, AllocQueryFree) {
   EXPECT_EQ(p, info.AllocationBase);
   EXPECT_EQ(12288u - 4096u, info.RegionSize);
   EXPECT_EQ(MEM_COMMIT, info.State);
-  ASSERT_EQ(sizeof info, VirtualQuery(p, &info, sizeof info));
-  EXPECT_EQ(12288u, info.RegionSize);
   EXPECT_EQ(0u, VirtualQuery(&info, &info, sizeof info));  // the stack: not ours
   EXPECT_EQ(ERROR_INVALID_ADDRESS, GetLastError());
-  EXPECT_EQ(0u, VirtualQuery(p, &info, sizeof info - 1));
-  // Only the start of a whole allocation can go back.
+  // Only the start of a whole allocation can go back, and only once.
   EXPECT_FALSE(VirtualFree(p + 4096, 0, MEM_RELEASE));
   EXPECT_EQ(ERROR_INVALID_ADDRESS, GetLastError());
   EXPECT_FALSE(VirtualFree(p, 4096, MEM_RELEASE));
@@ -41,39 +39,32 @@ TEST(PlatformMemory, AllocQueryFree) {
   EXPECT_FALSE(VirtualFree(p, 0, MEM_RELEASE));
   EXPECT_EQ(before, QzVirtualAllocationCount());
   EXPECT_EQ(0u, VirtualQuery(p, &info, sizeof info));
-}
-
-TEST(PlatformMemory, TopDownHintAndBadArguments) {
-  void* p = VirtualAlloc(nullptr, 1 << 20, MEM_RESERVE | MEM_COMMIT | MEM_TOP_DOWN, PAGE_READWRITE);
-  ASSERT_NE(nullptr, p);
-  EXPECT_TRUE(VirtualFree(p, 0, MEM_RELEASE));
-  EXPECT_EQ(nullptr, VirtualAlloc(nullptr, 0, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+  EXPECT_TRUE(VirtualFree(VirtualAlloc(nullptr, 1 << 20, kNew | MEM_TOP_DOWN, PAGE_READWRITE), 0, MEM_RELEASE));
+  EXPECT_EQ(nullptr, VirtualAlloc(nullptr, 0, kNew, PAGE_READWRITE));
   EXPECT_EQ(ERROR_INVALID_PARAMETER, GetLastError());
   EXPECT_EQ(nullptr, VirtualAlloc(nullptr, 4096, MEM_COMMIT, PAGE_READWRITE));
-  EXPECT_EQ(nullptr, VirtualAlloc(nullptr, ~size_t(0) - 10, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-}
-
-TEST(PlatformMemory, PlacedAllocationAndTakenPlace) {
-  Placement place;
-  place.Queue(4 << 20);
-  void* p = VirtualAlloc(nullptr, 1 << 20, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
-  ASSERT_EQ(reinterpret_cast<void*>(place.base() + (4 << 20)), p);
-  EXPECT_EQ(nullptr, VirtualAlloc(p, 4096, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));  // taken
-  EXPECT_EQ(ERROR_INVALID_ADDRESS, GetLastError());
-  EXPECT_TRUE(VirtualFree(p, 0, MEM_RELEASE));
-}
-
-TEST(PlatformMemory, FaultSwitch) {
-  qztest::FaultScope fail(QZ_FAULT_VIRTUAL_ALLOC, 1, 1);
-  void* first = VirtualAlloc(nullptr, 4096, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
-  EXPECT_NE(nullptr, first);
-  EXPECT_EQ(nullptr, VirtualAlloc(nullptr, 4096, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+  qztest::FaultScope fail(QZ_FAULT_VIRTUAL_ALLOC);
+  EXPECT_EQ(nullptr, VirtualAlloc(nullptr, 4096, kNew, PAGE_READWRITE));
   EXPECT_EQ(ERROR_NOT_ENOUGH_MEMORY, GetLastError());
-  void* third = VirtualAlloc(nullptr, 4096, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
-  EXPECT_NE(nullptr, third);
-  EXPECT_EQ(1u, fail.hits());
-  VirtualFree(first, 0, MEM_RELEASE);
-  VirtualFree(third, 0, MEM_RELEASE);
+}
+
+TEST(PlatformMemory, PlacementAndReleaseOfWholeRegions) {
+  Placement place;
+  place.Queue(0);
+  place.Queue(1 << 20);
+  char* a = static_cast<char*>(VirtualAlloc(nullptr, 1 << 20, kNew, PAGE_READWRITE));
+  char* b = static_cast<char*>(VirtualAlloc(nullptr, 1 << 20, kNew, PAGE_READWRITE));
+  ASSERT_EQ(reinterpret_cast<char*>(place.base()), a);
+  ASSERT_EQ(a + (1 << 20), b);
+  const size_t count = QzVirtualAllocationCount();
+  // Starting or ending inside an allocation: refused before anything goes.
+  const uintptr_t at = reinterpret_cast<uintptr_t>(a);
+  EXPECT_FALSE(QzReleaseRegion(at + 4096, (2 << 20) - 4096));
+  EXPECT_FALSE(QzReleaseRegion(at, (2 << 20) - 4096));
+  EXPECT_FALSE(QzReleaseRegion(at, 3 << 20));
+  EXPECT_EQ(count, QzVirtualAllocationCount());
+  EXPECT_TRUE(QzReleaseRegion(at, 2 << 20));  // two neighbours in one call
+  EXPECT_EQ(count - 2, QzVirtualAllocationCount());
 }
 
 TEST(PlatformMemoryDeathTest, RaiseExceptionIsFatal) {
@@ -81,123 +72,45 @@ TEST(PlatformMemoryDeathTest, RaiseExceptionIsFatal) {
                "fatal exception 0xC0000017 \\(out of memory\\)");
 }
 
-TEST(ReleaseRegion, WholeAllocationsOnly) {
-  Placement place;
-  place.Queue(0);
-  place.Queue(1 << 20);
-  char* a = static_cast<char*>(VirtualAlloc(nullptr, 1 << 20, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-  char* b = static_cast<char*>(VirtualAlloc(nullptr, 1 << 20, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-  ASSERT_EQ(a + (1 << 20), b);
-  const size_t count = QzVirtualAllocationCount();
-  // Starting or ending inside an allocation: refused before anything goes.
-  EXPECT_FALSE(QzReleaseRegion(reinterpret_cast<uintptr_t>(a) + 4096, (2 << 20) - 4096));
-  EXPECT_FALSE(QzReleaseRegion(reinterpret_cast<uintptr_t>(a), (2 << 20) - 4096));
-  EXPECT_FALSE(QzReleaseRegion(reinterpret_cast<uintptr_t>(a), (3 << 20)));
-  EXPECT_EQ(count, QzVirtualAllocationCount());
-  // Two neighbours in one call.
-  EXPECT_TRUE(QzReleaseRegion(reinterpret_cast<uintptr_t>(a), 2 << 20));
-  EXPECT_EQ(count - 2, QzVirtualAllocationCount());
-}
-
+// Contention is exercised by the threads sharing one heap below.
 TEST(SpinLock, RecursiveAndExclusive) {
   QzSpinLock lock{};
   QzSpinLockAcquire(&lock);
   EXPECT_TRUE(QzSpinLockTryAcquire(&lock));
   EXPECT_EQ(2u, lock.count);
   bool other = true;
-  std::thread t([&] { other = QzSpinLockTryAcquire(&lock); });
-  t.join();
+  std::thread([&] { other = QzSpinLockTryAcquire(&lock); }).join();
   EXPECT_FALSE(other);
   QzSpinLockRelease(&lock);
   QzSpinLockRelease(&lock);
-  EXPECT_EQ(0u, lock.locked.load());
-  EXPECT_EQ(0u, lock.owner.load());
+  EXPECT_EQ(0u, lock.locked.load() | lock.owner.load());
 }
 
-TEST(SpinLock, GuardsACounterUnderContention) {
-  QzSpinLock lock{};
-  long counter = 0;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 20000; ++i) {
-        QzSpinLockAcquire(&lock);
-        QzSpinLockAcquire(&lock);
-        ++counter;
-        QzSpinLockRelease(&lock);
-        QzSpinLockRelease(&lock);
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(80000, counter);
-}
-
-TEST(HeapParams, DefaultsAndStamp) {
+TEST(HeapParams, DefaultsOptionChecksAndNewHeaps) {
   QzEnsureHeapParams();
   const size_t stamp = QzStamp();
-  EXPECT_NE(0u, stamp);
-  EXPECT_EQ(8u, stamp & 15u & 8u);
-  EXPECT_EQ(0u, stamp & 7u);
+  EXPECT_EQ(8u, stamp & 15u);  // bit 3 set, low bits clear
   EXPECT_EQ(4096u, QzHeapParams.pageSize);
   EXPECT_EQ(7u, QzHeapParams.defaultFlags);
-  ParamsScope params;  // defaults unless an earlier test forgot to restore
   EXPECT_EQ(0x100000u, QzHeapParams.granularity.load());
   EXPECT_EQ(0x40000u, QzHeapParams.directThreshold.load());
   EXPECT_EQ(0x200000u, QzHeapParams.trimThreshold.load());
-}
-
-TEST(HeapParams, MempoolOptValidity) {
   ParamsScope params;
-  const size_t granularity = QzHeapParams.granularity.load();
-  EXPECT_EQ(1, Qz_MempoolOpt(nullptr, -2, 4096));
-  EXPECT_EQ(4096u, QzHeapParams.granularity.load());
-  EXPECT_EQ(0, Qz_MempoolOpt(nullptr, -2, 3000));
-  EXPECT_EQ(0, Qz_MempoolOpt(nullptr, -2, -1));
-  EXPECT_EQ(0, Qz_MempoolOpt(nullptr, -2, 2048));  // below the page
-  EXPECT_EQ(0, Qz_MempoolOpt(nullptr, -2, 0));
-  EXPECT_EQ(4096u, QzHeapParams.granularity.load());
-  EXPECT_EQ(0, Qz_MempoolOpt(nullptr, -4, 1));
-  EXPECT_EQ(0, Qz_MempoolOpt(nullptr, 0, 1));
+  struct Row { int option, value, result; } rows[] = {
+      {-2, 4096, 1}, {-2, 3000, 0}, {-2, -1, 0}, {-2, 2048, 0}, {-2, 0, 0}, {-4, 1, 0}, {0, 1, 0},
+  };
+  for (const Row& r : rows) EXPECT_EQ(r.result, Qz_MempoolOpt(nullptr, r.option, r.value)) << r.option << " " << r.value;
+  EXPECT_EQ(4096u, QzHeapParams.granularity.load());  // the refused ones changed nothing
   EXPECT_EQ(1, Qz_MempoolOpt(nullptr, -1, -1));
   EXPECT_EQ(~size_t(0), QzHeapParams.trimThreshold.load());
   EXPECT_EQ(1, Qz_MempoolOpt(nullptr, -3, 123456));
   EXPECT_EQ(123456u, QzHeapParams.directThreshold.load());
-  EXPECT_EQ(1, Qz_MempoolOpt(nullptr, -2, static_cast<int>(granularity)));
-}
-
-TEST(HeapParams, SmallGranularityShapesNewHeaps) {
-  ParamsScope params;
   ASSERT_EQ(1, Qz_MempoolOpt(nullptr, -2, 65536));
-  ScopedHeap h;
+  ScopedHeap h, big(100000);
   EXPECT_EQ(65536u, h->footprint);
-  ScopedHeap big(100000);
   EXPECT_EQ(2u * 65536u, big->footprint);
   EXPECT_HEAP_OK(h);
   EXPECT_HEAP_OK(big);
-}
-
-TEST(HeapThreads, OneHeapManyThreads) {
-  ScopedHeap h;
-  std::vector<std::thread> threads;
-  std::vector<void*> handed(4000, nullptr);
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 1000; ++i) {
-        void* p = QzHeapAlloc(h, 16 + (i * 37 + t * 101) % 3000);
-        ASSERT_NE(nullptr, p);
-        memset(p, t, 16);
-        if (i % 2) QzHeapFree(p);
-        else handed[t * 1000 + i] = p;
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-  EXPECT_HEAP_OK(h);
-  for (void* p : handed) QzHeapFree(p);  // freed by another thread than the one that made it
-  EXPECT_HEAP_OK(h);
-  const QzHeapCheckReport r = Report(h);
-  EXPECT_EQ(1u, r.inUseChunks - r.closedSegments);  // the heap record, and records of closed segments
 }
 
 TEST(HeapThreads, BlocksHandedBetweenThreads) {
@@ -214,14 +127,8 @@ TEST(HeapThreads, BlocksHandedBetweenThreads) {
             i % 7 == 0 ? QzHeapAlignedAlloc(h, 64, n) : QzHeapAlloc(h, n));
         ASSERT_NE(nullptr, p);
         p[0] = static_cast<unsigned char>(n);
-        p[n - 1] = static_cast<unsigned char>(n >> 8);
-        if (i % 5 == 0) {
-          unsigned char* q = static_cast<unsigned char*>(QzHeapRealloc(h, p, n + 100));
-          ASSERT_NE(nullptr, q);
-          ASSERT_EQ(static_cast<unsigned char>(n), q[0]);
-          QzHeapFree(q);
-          continue;
-        }
+        if (i % 5 == 0) p = static_cast<unsigned char*>(QzHeapRealloc(h, p, n + 100));
+        ASSERT_EQ(static_cast<unsigned char>(n), p[0]);
         unsigned char* other = nullptr;
         {
           std::lock_guard<std::mutex> hold(m);
@@ -233,18 +140,16 @@ TEST(HeapThreads, BlocksHandedBetweenThreads) {
             shared.pop_back();
           }
         }
-        if (other != nullptr) {
-          ASSERT_GE(QzBlockUsableSize(other), 16u);
-          QzHeapFree(other);  // most often made by another thread
-        }
+        QzHeapFree(other);  // most often made by another thread
       }
     });
   }
   for (auto& t : threads) t.join();
+  EXPECT_HEAP_OK(h);
   for (unsigned char* p : shared) QzHeapFree(p);
   EXPECT_HEAP_OK(h);
   const QzHeapCheckReport r = Report(h);
-  EXPECT_EQ(1u, r.inUseChunks - r.closedSegments);
+  EXPECT_EQ(1u, r.inUseChunks - r.closedSegments);  // the records only
 }
 
 }  // namespace

@@ -14,6 +14,11 @@
 
 namespace heaptest {
 
+inline QzHeapCheckReport Report(QzHeap* heap) {
+  QzHeapCheckReport report;
+  QzHeapCheck(heap, &report);
+  return report;
+}
 inline ::testing::AssertionResult HeapOk(QzHeap* heap) {
   QzHeapCheckReport report;
   if (QzHeapCheck(heap, &report)) return ::testing::AssertionSuccess();
@@ -22,23 +27,14 @@ inline ::testing::AssertionResult HeapOk(QzHeap* heap) {
 #define EXPECT_HEAP_OK(h) EXPECT_TRUE(heaptest::HeapOk(h))
 #define ASSERT_HEAP_OK(h) ASSERT_TRUE(heaptest::HeapOk(h))
 
-inline QzHeapCheckReport Report(QzHeap* heap) {
-  QzHeapCheckReport report;
-  QzHeapCheck(heap, &report);
-  return report;
-}
-
-class ScopedHeap {
- public:
-  explicit ScopedHeap(size_t capacity = 0) : heap_(QzHeapCreate(capacity)) {}
-  ~ScopedHeap() { QzHeapDestroy(heap_); }
-  QzHeap* get() const { return heap_; }
-  operator QzHeap*() const { return heap_; }
-  QzHeap* operator->() const { return heap_; }
+struct ScopedHeap {
+  QzHeap* heap;
+  explicit ScopedHeap(size_t capacity = 0) : heap(QzHeapCreate(capacity)) {}
+  ~ScopedHeap() { QzHeapDestroy(heap); }
   ScopedHeap(const ScopedHeap&) = delete;
-  ScopedHeap& operator=(const ScopedHeap&) = delete;
- private:
-  QzHeap* heap_;
+  QzHeap* get() const { return heap; }
+  operator QzHeap*() const { return heap; }
+  QzHeap* operator->() const { return heap; }
 };
 
 inline size_t Granule() { return QzHeapParams.granularity.load(); }
@@ -51,24 +47,22 @@ inline size_t ChunkSizeOf(const void* block) { return QzChunkSize(QzBlockToChunk
 // constructor found free (reserved once, then given back).
 class Placement {
  public:
-  explicit Placement(size_t rangeBytes = size_t(64) << 20) {
-    void* probe = qzsys::VirtualAlloc(nullptr, rangeBytes, qzsys::MEM_RESERVE | qzsys::MEM_COMMIT,
+  Placement() {
+    void* probe = qzsys::VirtualAlloc(nullptr, size_t(64) << 20, qzsys::MEM_RESERVE | qzsys::MEM_COMMIT,
                                       qzsys::PAGE_READWRITE);
-    base_ = reinterpret_cast<uintptr_t>(probe);
+    base_ = Addr(probe);
     qzsys::VirtualFree(probe, 0, qzsys::MEM_RELEASE);
     qzsys::QzSetVirtualAllocPlacement(&Place, this);
   }
   ~Placement() { qzsys::QzSetVirtualAllocPlacement(nullptr, nullptr); }
-  // Next region at base + offset.
   void Queue(size_t offset) { queue_.push_back(base_ + offset); }
   uintptr_t base() const { return base_; }
-  size_t pending() const { return queue_.size(); }
  private:
   static qzsys::LPVOID Place(void* self, qzsys::SIZE_T, qzsys::DWORD) {
-    Placement* p = static_cast<Placement*>(self);
-    if (p->queue_.empty()) return nullptr;
-    uintptr_t at = p->queue_.front();
-    p->queue_.pop_front();
+    std::deque<uintptr_t>& queue = static_cast<Placement*>(self)->queue_;
+    if (queue.empty()) return nullptr;
+    const uintptr_t at = queue.front();
+    queue.pop_front();
     return reinterpret_cast<qzsys::LPVOID>(at);
   }
   uintptr_t base_;
@@ -76,21 +70,19 @@ class Placement {
 };
 
 // Puts the process-wide thresholds back as they were when it was made.
-class ParamsScope {
- public:
+struct ParamsScope {
+  size_t granularity, direct, trim;
   ParamsScope() {
     QzEnsureHeapParams();
-    granularity_ = QzHeapParams.granularity.load();
-    direct_ = QzHeapParams.directThreshold.load();
-    trim_ = QzHeapParams.trimThreshold.load();
+    granularity = QzHeapParams.granularity.load();
+    direct = QzHeapParams.directThreshold.load();
+    trim = QzHeapParams.trimThreshold.load();
   }
   ~ParamsScope() {
-    QzHeapParams.granularity.store(granularity_);
-    QzHeapParams.directThreshold.store(direct_);
-    QzHeapParams.trimThreshold.store(trim_);
+    QzHeapParams.granularity.store(granularity);
+    QzHeapParams.directThreshold.store(direct);
+    QzHeapParams.trimThreshold.store(trim);
   }
- private:
-  size_t granularity_, direct_, trim_;
 };
 
 }  // namespace heaptest
