@@ -3,20 +3,17 @@
 #ifndef QZBASE_TESTS_POOL_POOLTESTSUPPORT_H
 #define QZBASE_TESTS_POOL_POOLTESTSUPPORT_H
 
-#include <atomic>
-#include <condition_variable>
-#include <functional>
-#include <mutex>
-#include <thread>
-#include <vector>
+#include <gtest/gtest.h>
 
-#include <string>
+#include <thread>
 
 #include "QzHeapCheck.h"
 #include "QzMempool.h"
+#include "QzTestSupport.h"
 #include "QzThreadCache.h"
 
-namespace pooltest {
+constexpr size_t M = QZ_CACHE_MIN_CLASS;
+constexpr size_t MAXR = QZ_CACHE_MAX_REQUEST;
 
 // The calling thread's cache in `pool`, or null.
 inline QzThreadCache* MyCache(QzMempool* pool) {
@@ -31,104 +28,101 @@ inline int HeapCount(QzMempool* pool) {
 }
 
 inline int HeapIndexOf(QzMempool* pool, const void* block) {
-  QzHeap* h = QzBlockOwnerHeap(block);
   for (int i = 0; pool->heaps[i].load() != nullptr; ++i)
-    if (pool->heaps[i].load() == h) return i;
+    if (pool->heaps[i].load() == QzBlockOwnerHeap(block)) return i;
   return -1;
 }
 
-// Number of blocks in one bin of a cache, walked from newest to oldest.
-inline int BinCount(const QzThreadCache* c, unsigned bin) {
-  int n = 0;
-  for (QzCachedBlock* x = c->bins[bin].newest; x != nullptr; x = x->next) ++n;
-  return n;
-}
-
-// Proves a cache's lists: links agree both ways, ends match, stamps grow
-// towards `newest`, every block is in use in its heap with room for its
-// class, and `freeBytes` is the sum. Empty string when sound.
-inline std::string CacheProblem(const QzThreadCache* c) {
-  if (c == nullptr) return "";
-  uint64_t bytes = 0;
-  for (unsigned k = 0; k < QZ_CACHE_BINS; ++k) {
-    const QzCacheBin& bin = c->bins[k];
-    const QzCachedBlock* prev = nullptr;
-    int n = 0;
-    for (const QzCachedBlock* x = bin.newest; x != nullptr; prev = x, x = x->next) {
-      if (++n > 1 << 20) return "bin " + std::to_string(k) + ": cycle";
-      if (x->prev != prev) return "bin " + std::to_string(k) + ": prev link";
-      if (x->size != (QZ_CACHE_MIN_CLASS << k)) return "bin " + std::to_string(k) + ": size";
-      if (prev != nullptr && int32_t(prev->stamp - x->stamp) <= 0) return "bin " + std::to_string(k) + ": stamps";
-      if (QzPoolUsableSize(x) < x->size) return "bin " + std::to_string(k) + ": block free or too small";
-      bytes += x->size;
-    }
-    if (bin.oldest != prev) return "bin " + std::to_string(k) + ": oldest";
-  }
-  if (bytes != c->freeBytes) return "freeBytes";
-  return "";
-}
-
-// The first fault of any heap of the pool or of the calling thread's cache.
+// The first fault of any heap of the pool or of the calling thread's cache
+// lists (links both ways, ends, growing stamps, live blocks, the byte sum).
 inline std::string PoolProblem(QzMempool* pool) {
   pool = QzResolvePool(pool);
   for (int i = 0; pool->heaps[i].load() != nullptr; ++i) {
     QzHeapCheckReport report;
-    if (!QzHeapCheck(pool->heaps[i].load(), &report))
-      return "heap " + std::to_string(i) + ": " + report.error;
+    if (!QzHeapCheck(pool->heaps[i].load(), &report)) return "heap " + std::to_string(i) + ": " + report.error;
   }
-  return CacheProblem(MyCache(pool));
+  const QzThreadCache* c = MyCache(pool);
+  uint64_t bytes = 0;
+  for (unsigned k = 0; c != nullptr && k < QZ_CACHE_BINS; ++k) {
+    const QzCachedBlock* prev = nullptr;
+    int n = 0;
+    for (const QzCachedBlock* x = c->bins[k].newest; x != nullptr; prev = x, x = x->next) {
+      if (++n > 1 << 20 || x->prev != prev || x->size != (M << k) || QzPoolUsableSize(x) < x->size ||
+          (prev != nullptr && int32_t(prev->stamp - x->stamp) <= 0))
+        return "cache bin " + std::to_string(k) + " block " + std::to_string(n);
+      bytes += x->size;
+    }
+    if (c->bins[k].oldest != prev) return "cache bin " + std::to_string(k) + ": oldest";
+  }
+  return c == nullptr || bytes == c->freeBytes ? "" : "cache freeBytes";
 }
 
 // A thread that takes the locks of the given heaps and holds them until
-// Release() (or destruction). The locks are recursive per thread, so contention
-// needs another thread.
+// Release(), destruction or `until` answering true. The locks are recursive
+// per thread, so contention needs another thread.
 class LockHolder {
  public:
-  explicit LockHolder(std::vector<QzHeap*> heaps) : heaps_(std::move(heaps)) {
-    thread_ = std::thread([this] {
-      for (QzHeap* h : heaps_) QzSpinLockAcquire(&h->lock);
-      held_.store(true);
-      std::unique_lock<std::mutex> lk(m_);
-      cv_.wait(lk, [this] { return release_; });
-      for (QzHeap* h : heaps_) QzSpinLockRelease(&h->lock);
-    });
+  explicit LockHolder(std::vector<QzHeap*> heaps, std::function<bool()> until = nullptr)
+      : thread_([this, heaps, until] {
+          for (QzHeap* h : heaps) QzSpinLockAcquire(&h->lock);
+          held_.store(true);
+          while (!release_.load() && !(until && until())) std::this_thread::yield();
+          for (QzHeap* h : heaps) QzSpinLockRelease(&h->lock);
+        }) {
     while (!held_.load()) std::this_thread::yield();
   }
   void Release() {
-    if (!thread_.joinable()) return;
-    {
-      std::lock_guard<std::mutex> lk(m_);
-      release_ = true;
-    }
-    cv_.notify_one();
-    thread_.join();
+    release_.store(true);
+    if (thread_.joinable()) thread_.join();
   }
   ~LockHolder() { Release(); }
 
  private:
-  std::vector<QzHeap*> heaps_;
-  std::atomic<bool> held_{false};
-  std::mutex m_;
-  std::condition_variable cv_;
-  bool release_ = false;
+  std::atomic<bool> held_{false}, release_{false};
   std::thread thread_;
 };
 
-// Runs fn on a fresh thread and waits for it.
+inline std::vector<QzHeap*> FirstHeaps(QzMempool* pool, int n) {
+  return std::vector<QzHeap*>(pool->heaps, pool->heaps + n);
+}
+
+// Makes the pool add heaps until it has n, by a miss of the calling thread
+// while every existing heap is held; the thread ends on the last one.
+inline void GrowTo(QzMempool* pool, int n) {
+  for (int have = HeapCount(pool); have < n; ++have) {
+    LockHolder hold(FirstHeaps(pool, have));
+    Qz_MempoolFree(pool, Qz_MempoolAlloc(pool, 2 * MAXR));
+  }
+}
+
+// A fresh pool of up to 16 heaps per test. The default pool is made first: its
+// set-up failing under an armed failure switch would be fatal by design.
+class PoolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Qz_MempoolFree(nullptr, Qz_MempoolAlloc(nullptr, 1));
+    ASSERT_NE(pool = Qz_CreateMempool(0, 16), nullptr);
+  }
+  void TearDown() override { Qz_DestroyMempool(pool); }
+  // The calling thread's cache, made by a first call that touches no bin.
+  QzThreadCache* Cache() {
+    Qz_MempoolFree(pool, Qz_MempoolAlloc(pool, 5 * MAXR));
+    return MyCache(pool);
+  }
+  QzMempool* pool = nullptr;
+};
+
 inline void OnNewThread(const std::function<void()>& fn) { std::thread(fn).join(); }
 
-// Patterns that tell blocks apart: byte i of block `id` is (id * 131 + i) & 0xFF.
+// Byte i of block `id` is (id * 131 + i) & 0xFF; id 0 with step 0 is all zero.
 inline void Fill(void* block, size_t n, uint32_t id) {
-  auto* p = static_cast<unsigned char*>(block);
-  for (size_t i = 0; i < n; ++i) p[i] = static_cast<unsigned char>(id * 131u + i);
+  for (size_t i = 0; i < n; ++i) static_cast<unsigned char*>(block)[i] = static_cast<unsigned char>(id * 131u + i);
 }
-inline bool Holds(const void* block, size_t n, uint32_t id) {
-  auto* p = static_cast<const unsigned char*>(block);
+inline bool Holds(const void* block, size_t n, uint32_t id, unsigned step = 1) {
   for (size_t i = 0; i < n; ++i)
-    if (p[i] != static_cast<unsigned char>(id * 131u + i)) return false;
+    if (static_cast<const unsigned char*>(block)[i] != static_cast<unsigned char>(id * 131u + i * step)) return false;
   return true;
 }
-
-}  // namespace pooltest
+inline bool AllZero(const void* block, size_t n) { return Holds(block, n, 0, 0); }
 
 #endif  // QZBASE_TESTS_POOL_POOLTESTSUPPORT_H
