@@ -2,7 +2,7 @@
 #include <string>
 
 #include "FormatCheck.h"
-#include "platform/QzPlatformText.h"
+#include "../platform_text/TextTestSupport.h"
 
 using fmtcheck::ExpectA;
 using fmtcheck::ExpectW;
@@ -11,14 +11,7 @@ using fmtcheck::WString;
 
 namespace {
 
-class ActivePage {
- public:
-  explicit ActivePage(qzsys::UINT cp) : saved_(qzsys::GetACP()) { EXPECT_TRUE(qzsys::QzSetActiveCodePage(cp)) << cp; }
-  ~ActivePage() { qzsys::QzSetActiveCodePage(saved_); }
-
- private:
-  qzsys::UINT saved_;
-};
+using qztest::ActivePage;
 
 TEST(FormatCodePage, WesternSingleByte) {
   ActivePage page(1252);

@@ -36,6 +36,20 @@ HRESULT Run(IMLangConvertCharset* c, const uint8_t* data, unsigned int size, std
   return hr;
 }
 
+// The library's own decoder and encoder, strict where the page allows it.
+std::vector<WCHAR> Decode(UINT page, const char* text, size_t size) {
+  int n = MultiByteToWideChar(page, MB_ERR_INVALID_CHARS, text, static_cast<int>(size), nullptr, 0);
+  std::vector<WCHAR> w(n > 0 ? n : 0);
+  if (n > 0) MultiByteToWideChar(page, MB_ERR_INVALID_CHARS, text, static_cast<int>(size), w.data(), n);
+  return w;
+}
+std::vector<char> Encode(UINT page, const std::vector<WCHAR>& w, DWORD flags) {
+  int n = WideCharToMultiByte(page, flags, w.data(), static_cast<int>(w.size()), nullptr, 0, nullptr, nullptr);
+  std::vector<char> b(n > 0 ? n : 0);
+  if (n > 0) WideCharToMultiByte(page, flags, w.data(), static_cast<int>(w.size()), b.data(), n, nullptr, nullptr);
+  return b;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -53,38 +67,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Narrow to UTF-16.
   std::vector<uint8_t> viaComponent;
   HRESULT hr = Run(toWide[index], data, static_cast<unsigned int>(size), &viaComponent);
-  if (size > 0) {
-    int n = MultiByteToWideChar(page, MB_ERR_INVALID_CHARS, reinterpret_cast<const char*>(data),
-                                static_cast<int>(size), nullptr, 0);
-    if ((n > 0) != (hr >= 0)) __builtin_trap();
-    if (n > 0) {
-      std::vector<WCHAR> w(n);
-      MultiByteToWideChar(page, MB_ERR_INVALID_CHARS, reinterpret_cast<const char*>(data), static_cast<int>(size),
-                          w.data(), n);
-      if (viaComponent.size() != w.size() * 2 || memcmp(viaComponent.data(), w.data(), viaComponent.size()) != 0)
-        __builtin_trap();
-    }
+  const std::vector<WCHAR> w = Decode(page, reinterpret_cast<const char*>(data), size);
+  if (size > 0 && !w.empty() != (hr >= 0)) __builtin_trap();
+  if (!w.empty()) {
+    if (viaComponent.size() != w.size() * 2 || memcmp(viaComponent.data(), w.data(), viaComponent.size()) != 0)
+      __builtin_trap();
+    // Valid text goes back to the page and decodes to the same characters,
+    // even where a character has two codes and the page keeps one.
+    const std::vector<char> again = Encode(page, w, 0);
+    if (Decode(page, again.data(), again.size()) != w) __builtin_trap();
   }
 
   // The same bytes read as UTF-16 back to the page: lone surrogates must be
   // refused by both, everything else converted alike.
   std::vector<uint8_t> narrow;
   hr = Run(fromWide[index], data, static_cast<unsigned int>(size), &narrow);
-  if (size >= 2 && size % 2 == 0) {
-    std::vector<WCHAR> w(size / 2);
-    memcpy(w.data(), data, size);
-    DWORD flags = page == 65001 ? WC_ERR_INVALID_CHARS : 0;
-    int n = WideCharToMultiByte(page, flags, w.data(), static_cast<int>(w.size()), nullptr, 0, nullptr, nullptr);
-    if (page == 65001) {
-      if ((n > 0) != (hr >= 0)) __builtin_trap();
-      if (n > 0) {
-        std::vector<char> b(n);
-        WideCharToMultiByte(page, flags, w.data(), static_cast<int>(w.size()), b.data(), n, nullptr, nullptr);
-        if (narrow.size() != b.size() || memcmp(narrow.data(), b.data(), b.size()) != 0) __builtin_trap();
-      }
-    }
-  } else if (size % 2 == 1 && hr >= 0) {
-    __builtin_trap();  // an odd byte count of UTF-16 is never valid
+  if (size % 2 == 1 && hr >= 0) __builtin_trap();  // an odd byte count of UTF-16 is never valid
+  if (page == 65001 && size >= 2 && size % 2 == 0) {
+    std::vector<WCHAR> units(size / 2);
+    memcpy(units.data(), data, size);
+    const std::vector<char> b = Encode(page, units, WC_ERR_INVALID_CHARS);
+    if (b.empty() == (hr >= 0) || (hr >= 0 && (narrow.size() != b.size() || memcmp(narrow.data(), b.data(), b.size()))))
+      __builtin_trap();
   }
   return 0;
 }
