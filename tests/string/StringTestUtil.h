@@ -27,25 +27,15 @@ Model<T> L(const char* ascii, size_t n = std::string::npos) {
 }
 
 template <typename T>
-const QzInternalStringData* H(const QzStringT<T>& s) {
-  return qzstr::Header(s.c_str());
-}
+const QzInternalStringData* H(const QzStringT<T>& s) { return qzstr::Header(s.c_str()); }
 template <typename T>
-int Refs(const QzStringT<T>& s) {
-  return H(s)->refCount;
-}
+int Refs(const QzStringT<T>& s) { return H(s)->refCount; }
 template <typename T>
-unsigned Cap(const QzStringT<T>& s) {
-  return H(s)->capacity;
-}
+unsigned Cap(const QzStringT<T>& s) { return H(s)->capacity; }
 template <typename T>
-Model<T> Text(const QzStringT<T>& s) {
-  return Model<T>(s.c_str(), s.length());
-}
+Model<T> Text(const QzStringT<T>& s) { return Model<T>(s.c_str(), s.length()); }
 template <typename T>
-bool OnEmptyRecord(const QzStringT<T>& s) {
-  return static_cast<const void*>(s.c_str()) == static_cast<const void*>(qzstr::EmptyChars<T>());
-}
+bool OnEmptyRecord(const QzStringT<T>& s) { return s.c_str() == qzstr::EmptyChars<T>(); }
 inline int EmptyRefs() { return qzstr::g_emptyRecord.header.refCount; }
 
 // A string of width T from an ASCII text, through the counted constructor.

@@ -24,9 +24,7 @@ std::basic_string<T> U(const char* bytes, size_t n) {
   return r;
 }
 template <typename T, size_t N>
-std::basic_string<T> U(const char (&lit)[N]) {
-  return U<T>(lit, N - 1);
-}
+std::basic_string<T> U(const char (&lit)[N]) { return U<T>(lit, N - 1); }
 
 // A string of exactly the literal's units, embedded 0s kept.
 template <typename T, size_t N>
@@ -47,17 +45,9 @@ std::string Text(const QzStringT<T>& s) {
 }
 
 template <typename T>
-const QzInternalStringData* Hdr(const QzStringT<T>& s) {
-  return qzstr::Header(s.c_str());
-}
+int32_t Refs(const QzStringT<T>& s) { return qzstr::Header(s.c_str())->refCount; }
 template <typename T>
-int32_t Refs(const QzStringT<T>& s) {
-  return Hdr(s)->refCount;
-}
-template <typename T>
-bool OnEmptyRecord(const QzStringT<T>& s) {
-  return s.c_str() == qzstr::EmptyChars<T>();
-}
+bool OnEmptyRecord(const QzStringT<T>& s) { return s.c_str() == qzstr::EmptyChars<T>(); }
 
 // Switches the active code page for one scope.
 class CodePage {
