@@ -56,13 +56,14 @@ TEST(GetWin32Error, NoTextGivesTheEmptyStringAndNoMemoryThrows) {
 
 TEST(FormatMessage, SystemLineEndAndTheBufferPointerLeftAloneWhenThereIsNoText) {
   char* buffer = nullptr;
-  DWORD n = qzsys::FormatMessageA(0x1100, nullptr, 0, 0x400, reinterpret_cast<char*>(&buffer), 0, nullptr);
+  char* const out = reinterpret_cast<char*>(&buffer);
+  DWORD n = qzsys::FormatMessageA(0x1100, nullptr, 0, 0x400, out, 0, nullptr);
   ASSERT_NE(buffer, nullptr);
   EXPECT_EQ(std::string(buffer), "The operation completed successfully.\r\n");
   EXPECT_EQ(n, strlen(buffer));
   qzsys::LocalFree(buffer);
   buffer = nullptr;
-  EXPECT_EQ(qzsys::FormatMessageA(0x1100, nullptr, 0xDEAD, 0x400, reinterpret_cast<char*>(&buffer), 0, nullptr), 0u);
+  EXPECT_EQ(qzsys::FormatMessageA(0x1100, nullptr, 0xDEAD, 0x400, out, 0, nullptr), 0u);
   EXPECT_EQ(buffer, nullptr);
   EXPECT_EQ(qzsys::GetLastError(), qzsys::ERROR_MR_MID_NOT_FOUND);
   char small[8];
@@ -71,9 +72,7 @@ TEST(FormatMessage, SystemLineEndAndTheBufferPointerLeftAloneWhenThereIsNoText) 
   unsigned short wide[128];
   n = qzsys::FormatMessageW(0x1000, nullptr, 0x80070057u, 0x400, wide, 128, nullptr);
   ASSERT_GT(n, 2u);
-  EXPECT_EQ(wide[n - 2], '\r');
-  EXPECT_EQ(wide[n - 1], '\n');
-  EXPECT_EQ(wide[n], 0);
+  EXPECT_EQ(std::basic_string<unsigned short>(wide + n - 2, 3), L<unsigned short>("\r\n\0", 3));
 }
 
 TEST(Exception, CaughtAsEitherClassWithATextNeverNullThatCopiesShare) {

@@ -9,7 +9,7 @@ template <typename T>
 class TrimCase : public ::testing::Test {};
 TYPED_TEST_SUITE(TrimCase, BothWidths);
 
-TYPED_TEST(TrimCase, TrimsShareCutOrEmpty) {
+TYPED_TEST(TrimCase, TrimsAndCaseCopiesShareCutOrEmpty) {
   typedef TypeParam T;
   typedef QzStringT<T> Str;
   enum { kShared, kNew, kRecord };
@@ -21,6 +21,7 @@ TYPED_TEST(TrimCase, TrimsShareCutOrEmpty) {
   };
   const T x = 'x', a = 'a', z = 0;
   Str ab = S<T>("a b"), spaced = S<T>("  a b\t "), xs = S<T>("xxabxaxx"), zeros(3u, z);
+  Str mixed = S<T>("aB\0cD"), upper = S<T>("ABC");
   const Row rows[] = {
       {__LINE__, ab, ab.trimWhiteSpace(), kShared, "a b"},
       {__LINE__, ab, ab.trimWhiteSpaceLeft(), kShared, "a b"},
@@ -48,6 +49,12 @@ TYPED_TEST(TrimCase, TrimsShareCutOrEmpty) {
       {__LINE__, ab, S<T>("ab\0a").trim(a), kNew, std::string("b\0", 2)},
       {__LINE__, ab, zeros.trimRight(z), kRecord, ""},
       {__LINE__, ab, S<T>("ab\0\0").trimRight(z), kNew, "ab"},
+      // Case copies: always a new block, converted up to the first 0.
+      {__LINE__, mixed, mixed.getUppercase(), kNew, std::string("AB\0cD", 5)},
+      {__LINE__, mixed, mixed.getLowercase(), kNew, std::string("ab\0cD", 5)},
+      {__LINE__, upper, upper.getUppercase(), kNew, "ABC"},
+      {__LINE__, ab, Str().getLowercase(), kRecord, ""},
+      {__LINE__, ab, zeros.getUppercase(), kRecord, ""},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.line);
@@ -60,6 +67,7 @@ TYPED_TEST(TrimCase, TrimsShareCutOrEmpty) {
     }
   }
   EXPECT_EQ(Text(spaced), "  a b\t ");
+  EXPECT_EQ(Text(mixed), std::string("aB\0cD", 5));
   for (Str s : {S<T>(" "), S<T>(" \t\r\n "), Str()}) {
     EXPECT_TRUE(OnEmptyRecord(s.trimWhiteSpace()) && OnEmptyRecord(s.trimWhiteSpaceLeft()) &&
                 OnEmptyRecord(s.trimWhiteSpaceRight())) << Text(s);
@@ -98,23 +106,6 @@ TEST(TrimCaseCodePages, WhiteSpaceAndCaseFollowThePage) {
   QzStringW w(lower, 4);
   w.toUppercase();
   EXPECT_EQ(std::basic_string<unsigned short>(w.c_str(), w.length()), std::basic_string<unsigned short>(upper, 4));
-}
-
-TYPED_TEST(TrimCase, GetCopiesAndStopsConvertingAtEmbeddedZero) {
-  typedef TypeParam T;
-  QzStringT<T> s = S<T>("aB\0cD");
-  QzStringT<T> up = s.getUppercase();
-  EXPECT_EQ(Text(up), std::string("AB\0cD", 5));
-  EXPECT_EQ(Text(s.getLowercase()), std::string("ab\0cD", 5));
-  EXPECT_EQ(Text(s), std::string("aB\0cD", 5));
-  EXPECT_EQ(Refs(s), 1);
-  EXPECT_EQ(Refs(up), 1);
-  EXPECT_EQ(up.capacity(), 7u);
-  // Even a text that would not change gets its own block.
-  QzStringT<T> same = S<T>("ABC");
-  EXPECT_NE(same.getUppercase().c_str(), same.c_str());
-  EXPECT_TRUE(OnEmptyRecord(QzStringT<T>().getLowercase()));
-  EXPECT_TRUE(OnEmptyRecord(QzStringT<T>(3u, T(0)).getUppercase()));  // starts with a 0
 }
 
 TYPED_TEST(TrimCase, InPlaceUnsharesEvenWhenNothingChanges) {
