@@ -74,20 +74,15 @@ TYPED_TEST(BothWidths, ZeroFillAndCountedTextsAreSizedByTheRule) {
   EXPECT_EQ(Cap(Make<T>("12345678")), 15u);
 }
 
-TEST(Fill, OtherWidthCharacters) {
+TEST(MixedText, FillsAndTextsConvertInUtf8And932) {
   EXPECT_EQ(Text(W(3u, 'A')), L<unsigned short>("AAA"));
   EXPECT_EQ(Text(W(3u, static_cast<char>(0xE9))), WM(3, 0xFFE9));  // sign extension
   EXPECT_EQ(Text(A(3u, static_cast<unsigned short>(0xE9))), std::string(3, '\xE9'));  // the low byte
-  A utf8(2u, static_cast<unsigned short>(0x3042));
-  EXPECT_EQ(Text(utf8), std::string("\xE3\x81\x82\xE3\x81\x82"));
-  EXPECT_EQ(Cap(utf8), 7u);
-  CodePage sjis(932);
-  EXPECT_EQ(Text(A(2u, static_cast<unsigned short>(0x3042))), std::string("\x82\xA0\x82\xA0"));
-}
-
-TEST(MixedText, ConvertsBothWaysInUtf8And932) {
+  A fill(2u, static_cast<unsigned short>(0x3042));
+  EXPECT_EQ(Text(fill), std::string("\xE3\x81\x82\xE3\x81\x82"));
+  EXPECT_EQ(Cap(fill), 7u);
   const char* utf8 = "h\xC3\xA9llo \xE2\x82\xAC";  // héllo €
-  const unsigned short expect[] = {'h', 0xE9, 'l', 'l', 'o', ' ', 0x20AC};
+  const unsigned short expect[] = {'h', 0xE9, 'l', 'l', 'o', ' ', 0x20AC}, sjisExpect[] = {'a', 0x3042, 'z'};
   W w(utf8);
   EXPECT_EQ(Text(w), WM(expect, 7));
   EXPECT_EQ(Cap(w), 7u);
@@ -96,26 +91,20 @@ TEST(MixedText, ConvertsBothWaysInUtf8And932) {
   EXPECT_EQ(Text(A(w.c_str(), 2u)), std::string("h\xC3\xA9"));
   EXPECT_EQ(Text(W(utf8, 3u)), WM(expect, 2));
   CodePage sjis(932);
+  EXPECT_EQ(Text(A(2u, static_cast<unsigned short>(0x3042))), std::string("\x82\xA0\x82\xA0"));
   const char* text = "a\x82\xA0z";  // a, HIRAGANA A, z
-  const unsigned short sjisExpect[] = {'a', 0x3042, 'z'};
   W w2(text);
   EXPECT_EQ(Text(w2), WM(sjisExpect, 3));
-  A back(w2.c_str());
-  EXPECT_EQ(back.length(), 4u);  // lengths in bytes
-  EXPECT_EQ(Text(back), std::string(text));
+  EXPECT_EQ(Text(A(w2.c_str())), std::string(text));  // 4 bytes
 }
 
 TEST(MixedText, NoConverterGivesAPrivateEmptyBlockAndNoException) {
   NoConverter noConverter;
-  W w("abc");
-  EXPECT_EQ(w.length(), 0u);
-  EXPECT_FALSE(OnEmptyRecord(w));
-  EXPECT_EQ(Cap(w), 7u);
-  EXPECT_EQ(Refs(w), 1);
   const unsigned short wide[] = {'x', 0};
-  A a(wide, 1u);
-  EXPECT_EQ(a.length(), 0u);
-  EXPECT_FALSE(OnEmptyRecord(a));
+  EXPECT_EQ(W("abc").length(), 0u);
+  EXPECT_EQ(Cap(W("abc")), 7u);  // a private block: the record's capacity is 0
+  EXPECT_EQ(A(wide, 1u).length(), 0u);
+  EXPECT_EQ(Cap(A(wide, 1u)), 7u);
 }
 
 TYPED_TEST(BothWidths, CopyAdoptionAndAssignmentMoveOneReference) {
