@@ -20,7 +20,7 @@
 
 #include <qzbase/qzbase.h>
 
-#include "QzPrimitives.h"
+#include "frame/QzPrimitives.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <map>
 #include <string>
 
-#include "QzString.h"
+#include "strings/QzString.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "QzConvert.h"
+#include "text/QzConvert.h"
 #include "QzTestSupport.h"
 #include "platform/QzPlatformCom.h"
 #include "../platform_text/TextTestSupport.h"

@@ -9,7 +9,7 @@
 #include <qzbase/QzFrame.h>
 
 #include "FormatCheck.h"
-#include "QzFormatEngine.h"
+#include "text/QzFormatEngine.h"
 
 using fmtcheck::ExpectBoth;
 using fmtcheck::FormatA;

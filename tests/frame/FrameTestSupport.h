@@ -13,9 +13,9 @@
 #include <random>
 #include <vector>
 
-#include "QzCpuInfo.h"
-#include "QzFrame.h"
-#include "QzPrimitives.h"
+#include "frame/QzCpuInfo.h"
+#include "frame/QzFrame.h"
+#include "frame/QzPrimitives.h"
 
 namespace frametest {
 

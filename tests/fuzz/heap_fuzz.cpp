@@ -10,8 +10,8 @@
 
 #include <vector>
 
-#include "QzChunkHeap.h"
-#include "QzHeapCheck.h"
+#include "pools/QzChunkHeap.h"
+#include "pools/QzHeapCheck.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "QzString.h"
+#include "strings/QzString.h"
 #include "platform/QzPlatform.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "QzString.h"
+#include "strings/QzString.h"
 #include "platform/QzPlatform.h"
 
 namespace {

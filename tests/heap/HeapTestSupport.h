@@ -7,8 +7,8 @@
 
 #include <deque>
 
-#include "QzChunkHeap.h"
-#include "QzHeapCheck.h"
+#include "pools/QzChunkHeap.h"
+#include "pools/QzHeapCheck.h"
 #include "QzTestSupport.h"
 #include <qzbase/QzMempool.h>
 

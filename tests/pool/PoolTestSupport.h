@@ -7,10 +7,10 @@
 
 #include <thread>
 
-#include "QzHeapCheck.h"
-#include "QzMempool.h"
+#include "pools/QzHeapCheck.h"
+#include "pools/QzMempool.h"
 #include "QzTestSupport.h"
-#include "QzThreadCache.h"
+#include "pools/QzThreadCache.h"
 
 constexpr size_t M = QZ_CACHE_MIN_CLASS;
 constexpr size_t MAXR = QZ_CACHE_MAX_REQUEST;

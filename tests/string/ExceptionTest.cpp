@@ -1,5 +1,5 @@
 // Result codes, QzException and the text of a code.
-#include "QzException.h"
+#include "frame/QzException.h"
 #include "StringTestUtil.h"
 
 using namespace strtest;

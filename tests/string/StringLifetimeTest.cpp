@@ -1,7 +1,7 @@
 // Blocks, the shared empty record, construction, sharing and assignment.
 #include "StringTestUtil.h"
 
-#include "QzFrame.h"
+#include "frame/QzFrame.h"
 
 using namespace strtest;
 

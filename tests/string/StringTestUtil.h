@@ -9,7 +9,7 @@
 
 #include <qzbase/QzFrame.h>
 
-#include "QzString.h"
+#include "strings/QzString.h"
 #include "QzTestSupport.h"
 
 namespace strtest {

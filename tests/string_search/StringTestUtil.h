@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "QzString.h"
+#include "strings/QzString.h"
 #include "QzTestSupport.h"
 #include "platform/QzPlatform.h"
 

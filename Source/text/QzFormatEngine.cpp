@@ -4,7 +4,7 @@
 // buffer, or only counting. Each mode is its own instantiation so that the
 // hot path of neither pays for the other: the storing mode needs no counter
 // (what it produced is what it stored) and the counting mode no bounds tests.
-#include "QzFormatEngine.h"
+#include "text/QzFormatEngine.h"
 
 #include <qzbase/QzFormat.h>
 #include <qzbase/QzFrame.h>

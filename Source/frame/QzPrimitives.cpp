@@ -6,14 +6,14 @@
 // copies), and the point of each variant is to run exactly the instructions it
 // is named after. Inline assembly also keeps the sanitizers' instrumentation
 // off the copies, whose pointers are taken on trust.
-#include "QzPrimitives.h"
+#include "frame/QzPrimitives.h"
 
 #include <math.h>
 #include <string.h>
 
 #include <atomic>
 
-#include "QzFrame.h"
+#include "frame/QzFrame.h"
 #include "platform/QzPlatform.h"
 
 #if defined(__i386__) || defined(__x86_64__)

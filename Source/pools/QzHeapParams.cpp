@@ -1,6 +1,6 @@
 // Heap parameters, the option call, heap creation and destruction, the one way
 // memory goes back to the system, and the registry of live heaps.
-#include "QzChunkHeap.h"
+#include "pools/QzChunkHeap.h"
 
 #include <qzbase/QzMempool.h>
 

@@ -7,7 +7,7 @@
 // never walked at all.
 #include <qzbase/QzFormat.h>
 
-#include "QzString.h"
+#include "strings/QzString.h"
 
 using qzstr::Header;
 

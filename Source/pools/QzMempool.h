@@ -18,7 +18,7 @@
 
 #include <atomic>
 
-#include "QzChunkHeap.h"
+#include "pools/QzChunkHeap.h"
 
 struct QzThreadCache;
 

@@ -1,5 +1,5 @@
 // The chunk heap: bins, allocation, free, reallocation and aligned allocation.
-#include "QzChunkHeap.h"
+#include "pools/QzChunkHeap.h"
 
 #include <string.h>
 

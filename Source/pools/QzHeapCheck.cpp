@@ -1,5 +1,5 @@
 // The heap checker: every chunk of every segment, every bin, both maps.
-#include "QzHeapCheck.h"
+#include "pools/QzHeapCheck.h"
 
 #include <stdio.h>
 

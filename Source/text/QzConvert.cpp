@@ -1,6 +1,6 @@
 // Conversions between the ANSI code page, UTF-8 and UTF-16 through cached
 // converter objects of the platform's converter component.
-#include "QzConvert.h"
+#include "text/QzConvert.h"
 
 #include <atomic>
 

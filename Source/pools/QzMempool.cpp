@@ -1,10 +1,10 @@
-#include "QzMempool.h"
+#include "pools/QzMempool.h"
 
 #include <string.h>
 
 #include <new>
 
-#include "QzThreadCache.h"
+#include "pools/QzThreadCache.h"
 #include "platform/QzPlatform.h"
 
 using namespace qzsys;

@@ -7,7 +7,7 @@
 // by the terminator that always follows it, so no search reads past the block.
 #include <cstring>
 
-#include "QzString.h"
+#include "strings/QzString.h"
 #include "platform/QzPlatform.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // Processor identification: fills QZ_CPU_INFO once, at load.
-#include "QzCpuInfo.h"
+#include "frame/QzCpuInfo.h"
 
 #include <string.h>
 

@@ -1,13 +1,13 @@
 // The library frame: what runs when the library is loaded and unloaded, and
 // Qz_TerminateLibrary.
-#include "QzFrame.h"
+#include "frame/QzFrame.h"
 
 #include <stdlib.h>
 
 #include <atomic>
 
-#include "QzCpuInfo.h"
-#include "QzPrimitives.h"
+#include "frame/QzCpuInfo.h"
+#include "frame/QzPrimitives.h"
 
 using namespace qzsys;
 

@@ -1,7 +1,7 @@
 // Results, the exception class and the text of a system error.
-#include "QzException.h"
+#include "frame/QzException.h"
 
-#include "QzString.h"
+#include "strings/QzString.h"
 #include "platform/QzPlatform.h"
 
 // ---- Result codes ------------------------------------------------------------------------------

@@ -1,4 +1,4 @@
-#include "QzThreadCache.h"
+#include "pools/QzThreadCache.h"
 
 #include <string.h>
 

@@ -24,8 +24,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "QzChunkHeap.h"
-#include "QzMempool.h"
+#include "pools/QzChunkHeap.h"
+#include "pools/QzMempool.h"
 
 constexpr unsigned QZ_CACHE_BINS = 10;
 constexpr unsigned QZ_CACHE_CLASS_SHIFT = (QZ_WORD == 8) ? 5 : 4;

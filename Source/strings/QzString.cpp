@@ -1,12 +1,12 @@
 // Strings: blocks, the shared empty record, construction, assignment, and
 // the editing members, for both widths.
-#include "QzString.h"
+#include "strings/QzString.h"
 
 #include <stdlib.h>
 #include <string.h>
 
-#include "QzException.h"
-#include "QzFrame.h"
+#include "frame/QzException.h"
+#include "frame/QzFrame.h"
 #include "platform/QzPlatform.h"
 
 namespace qzstr {

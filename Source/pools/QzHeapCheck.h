@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "QzChunkHeap.h"
+#include "pools/QzChunkHeap.h"
 
 struct QzHeapCheckReport {
   std::string error;        // empty when every invariant holds; else the first fault found

@@ -1,7 +1,7 @@
 // Heap growth and release: new segments (appended, prepended or added),
 // direct mappings for very large chunks, trimming of top, and the release of
 // segments that have become one free chunk.
-#include "QzChunkHeap.h"
+#include "pools/QzChunkHeap.h"
 
 #include <string.h>
 
