@@ -31,6 +31,9 @@
 #include "platform/QzPlatformMemory.h"
 #include "platform/QzPlatformTls.h"
 #include "platform/QzPlatformMessage.h"
+#include "platform/QzPlatformHandle.h"
+#include "platform/QzPlatformSync.h"
+#include "platform/QzPlatformFile.h"
 // QZ_PLATFORM_AREAS_END
 
 #endif  // QZBASE_PLATFORM_QZPLATFORM_H

@@ -27,6 +27,29 @@ enum QzFault : unsigned {
   QZ_FAULT_MAP_VIEW,         // MapViewOfFileEx fails
   QZ_FAULT_CRITICAL_SECTION, // critical section creation runs out of memory
   QZ_FAULT_FORMAT_MESSAGE,   // FormatMessage cannot allocate its buffer
+  // Files (CreateFileA, ReadFile, WriteFile above; these for the rest)
+  QZ_FAULT_WRITE_FILE_SHORT, // WriteFile succeeds but writes fewer bytes than asked
+  QZ_FAULT_FLUSH_FILE,       // FlushFileBuffers fails
+  QZ_FAULT_SET_FILE_POINTER, // SetFilePointer fails
+  QZ_FAULT_SET_END_OF_FILE,  // SetEndOfFile fails
+  QZ_FAULT_FILE_ATTRIBUTES,  // GetFileAttributesA / SetFileAttributesA fail
+  QZ_FAULT_DELETE_FILE,      // DeleteFileA fails
+  QZ_FAULT_MOVE_FILE,        // MoveFileA fails
+  QZ_FAULT_TEMP_PATH,        // GetTempPathA fails
+  QZ_FAULT_TEMP_FILE_NAME,   // GetTempFileNameA fails
+  QZ_FAULT_CLOSE_HANDLE,     // CloseHandle fails (the handle stays open)
+  // Kernel objects (CreateEvent above covers events and semaphores)
+  QZ_FAULT_CREATE_SEMAPHORE, // CreateSemaphoreA fails (alone, without events)
+  QZ_FAULT_SET_EVENT,        // SetEvent / ResetEvent / PulseEvent fail
+  QZ_FAULT_RELEASE_SEMAPHORE,// ReleaseSemaphore fails
+  QZ_FAULT_WAIT,             // WaitForSingleObject returns WAIT_FAILED
+  // Threads and timer
+  QZ_FAULT_RESUME_THREAD,    // ResumeThread fails
+  QZ_FAULT_THREAD_PRIORITY,  // SetThreadPriority / SetThreadAffinityMask are refused
+  QZ_FAULT_TIME_PERIOD,      // timeBeginPeriod / timeGetDevCaps fail
+  // Mapping and multimedia files (MapViewOfFileEx above)
+  QZ_FAULT_CREATE_MAPPING,   // CreateFileMappingA / OpenFileMappingA fail
+  QZ_FAULT_MMIO,             // mmioOpenA fails
   QZ_FAULT_COUNT
 };
 

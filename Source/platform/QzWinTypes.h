@@ -17,6 +17,7 @@ namespace qzsys {
 typedef ::DWORD DWORD;
 typedef ::LONG LONG;
 typedef ::BOOL BOOL;
+typedef ::CRITICAL_SECTION CRITICAL_SECTION;
 typedef ::HRESULT HRESULT;
 typedef uint32_t UINT;
 typedef uint16_t WORD;

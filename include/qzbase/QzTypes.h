@@ -31,6 +31,17 @@ typedef int32_t HRESULT;
 typedef uint32_t DWORD;
 typedef int32_t LONG;
 typedef int BOOL;
+// The system's critical section record, with the Windows field layout (24
+// bytes on i386, 40 on x86-64), so that records embedding one keep their
+// Windows size. Only the library's own calls touch its fields.
+typedef struct QzCriticalSectionRecord {
+  void* DebugInfo;
+  LONG LockCount;
+  LONG RecursionCount;
+  void* OwningThread;
+  void* LockSemaphore;
+  uintptr_t SpinCount;
+} CRITICAL_SECTION;
 #endif
 
 #ifndef QZ_CALL

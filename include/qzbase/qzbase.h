@@ -11,6 +11,8 @@
 #include <qzbase/QzString.h>
 #include <qzbase/QzException.h>
 #include <qzbase/QzDebug.h>
+#include <qzbase/QzFile.h>
+#include <qzbase/QzLog.h>
 // QZ_PUBLIC_HEADERS_END
 
 #endif  // QZBASE_QZBASE_H
