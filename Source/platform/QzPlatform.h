@@ -34,6 +34,8 @@
 #include "platform/QzPlatformHandle.h"
 #include "platform/QzPlatformSync.h"
 #include "platform/QzPlatformFile.h"
+#include "platform/QzPlatformMapping.h"
+#include "platform/QzPlatformMmio.h"
 // QZ_PLATFORM_AREAS_END
 
 #endif  // QZBASE_PLATFORM_QZPLATFORM_H
