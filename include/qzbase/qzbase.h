@@ -13,6 +13,10 @@
 #include <qzbase/QzDebug.h>
 #include <qzbase/QzFile.h>
 #include <qzbase/QzLog.h>
+#include <qzbase/QzFileMapping.h>
+#include <qzbase/QzFileStream.h>
+#include <qzbase/QzWaveFormat.h>
+#include <qzbase/QzWaveFile.h>
 // QZ_PUBLIC_HEADERS_END
 
 #endif  // QZBASE_QZBASE_H
