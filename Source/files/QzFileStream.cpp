@@ -215,8 +215,13 @@ unsigned int QzFileInputStream::Read(void* destination, unsigned int size) {
   if (remain > fileSize - next) remain = fileSize - next;
   for (;;) {
     if (!MoveView(next)) {
+      // The stream goes on in plain mode; so does this read, so that a short
+      // result still means the end of the file to a caller.
       FailView("MapViewOfFileEx", next);
-      return delivered;
+      DWORD got = 0;
+      ReadFile(file.handle, out + delivered, static_cast<DWORD>(remain), &got, nullptr);
+      viewBase += got;
+      return delivered + got;
     }
     if (remain <= kSpan) {
       Qz_FastMemcpy(out + delivered, view, static_cast<size_t>(remain));
