@@ -28,6 +28,8 @@
 #include "platform/QzWinTypes.h"
 #include <qzbase/QzWaveFormat.h>
 
+#include <stdio.h>  // SEEK_SET, SEEK_CUR, SEEK_END for mmioSeek
+
 namespace qzsys {
 
 typedef UINT MMRESULT;

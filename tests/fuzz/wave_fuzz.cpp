@@ -20,6 +20,8 @@ const std::string& ScratchPath() {
     const char* folder = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
     return std::string(folder) + "/qzbase-wave-fuzz-" + std::to_string(getpid()) + ".wav";
   }();
+  static const bool cleaned = atexit([] { unlink(path.c_str()); }) == 0;
+  (void)cleaned;
   return path;
 }
 
