@@ -37,6 +37,8 @@ QzWaveFile::QzWaveFile()
 
 QzWaveFile::~QzWaveFile() {
   Close();
+  // A writer whose patching failed still gives its file back.
+  if (mmio != nullptr) mmioClose(mmio, 0);
   if (!fromMemory && m_pwfx != nullptr) Qz_MempoolFree(nullptr, m_pwfx);
 }
 
@@ -47,6 +49,8 @@ HRESULT QzWaveFile::Open(const char* path, tWAVEFORMATEX* format, OpenFlag openF
   // never freed, and never taken for one of ours.
   if (fromMemory) m_pwfx = nullptr;
   fromMemory = 0;
+  // No pointer into an earlier file's buffer may survive for Write to follow.
+  memset(&writeInfo, 0, sizeof writeInfo);
   flag = openFlag;
   if (openFlag == QZ_WAVE_READ) {
     if (path == nullptr) return E_INVALIDARG;
@@ -268,6 +272,7 @@ HRESULT QzWaveFile::Close() {
   if (mmioAscend(mmio, &riffChunk, 0) != 0) return Fail("QzWaveFile::Close: mmioAscend failed");
   mmioClose(mmio, 0);
   mmio = nullptr;
+  memset(&writeInfo, 0, sizeof writeInfo);
   return S_OK;
 }
 

@@ -152,6 +152,12 @@ TEST(WaveFile, CallsWithoutAFileOrWithBadArguments) {
   ASSERT_EQ(w.Open((dir / "w.wav").c_str(), &format, QzWaveFile::QZ_WAVE_WRITE), 0);
   EXPECT_EQ(w.Write(4, nullptr, &n), kBadArg);
   EXPECT_EQ(w.Write(4, b, nullptr), kBadArg);
+  ASSERT_EQ(w.Close(), 0);
+  // Writing to a file opened for reading fails cleanly, even after a writer.
+  ASSERT_EQ(w.Open((dir / "w.wav").c_str(), nullptr, QzWaveFile::QZ_WAVE_READ), 0);
+  EXPECT_EQ(w.Write(4, b, &n), kFail);
+  EXPECT_EQ(n, 0u);
+  EXPECT_NE(capture.joined().find("QzWaveFile::Write: mmioAdvance failed"), std::string::npos);
 }
 
 TEST(WaveFile, MemoryDataIsReadOnly) {
