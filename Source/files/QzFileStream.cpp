@@ -1,6 +1,5 @@
 // File streams: a sliding mapped view for reading, a buffer for writing.
 #include <qzbase/QzFileStream.h>
-#include <qzbase/QzFrame.h>
 #include <qzbase/QzLog.h>
 #include <qzbase/QzMempool.h>
 
@@ -205,7 +204,7 @@ unsigned int QzFileInputStream::Read(void* destination, unsigned int size) {
   }
   unsigned int rest = viewSize - viewOffset;
   uint64_t next = viewBase + viewSize;
-  if (rest != 0) Qz_FastMemcpy(out, from + viewOffset, rest);
+  if (rest != 0) memcpy(out, from + viewOffset, rest);
   unsigned int delivered = rest;
   if (next >= fileSize) {
     viewOffset += rest;
@@ -224,11 +223,11 @@ unsigned int QzFileInputStream::Read(void* destination, unsigned int size) {
       return delivered + got;
     }
     if (remain <= kSpan) {
-      Qz_FastMemcpy(out + delivered, view, static_cast<size_t>(remain));
+      memcpy(out + delivered, view, static_cast<size_t>(remain));
       viewOffset = static_cast<unsigned int>(remain);
       return delivered + static_cast<unsigned int>(remain);
     }
-    Qz_FastMemcpy(out + delivered, view, viewSize);
+    memcpy(out + delivered, view, viewSize);
     delivered += viewSize;
     next += viewSize;
     remain -= kSpan;

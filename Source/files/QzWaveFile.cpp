@@ -24,6 +24,14 @@ HRESULT Fail(const char* line) {
   return E_FAIL;
 }
 
+// Open's way out after the file was opened: closed again, with its line.
+HRESULT Abandon(HMMIO* mmio, HRESULT hr, const char* line) {
+  mmioClose(*mmio, 0);
+  *mmio = nullptr;
+  QZ_LOG_WRITE_STRING(QZ_LOG_ERROR, QzStringT<char>(line));
+  return hr;
+}
+
 }  // namespace
 
 QzWaveFile::QzWaveFile()
@@ -61,19 +69,9 @@ HRESULT QzWaveFile::Open(const char* path, tWAVEFORMATEX* format, OpenFlag openF
     mmio = mmioOpenA(const_cast<char*>(path), nullptr, MMIO_ALLOCBUF);
     if (mmio == nullptr) return E_FAIL;
     HRESULT hr = ReadMMIO();
-    if (FAILED(hr)) {
-      mmioClose(mmio, 0);
-      mmio = nullptr;
-      QZ_LOG_WRITE_STRING(QZ_LOG_ERROR, QzStringT<char>("QzWaveFile::Open: ReadMMIO failed"));
-      return hr;
-    }
+    if (FAILED(hr)) return Abandon(&mmio, hr, "QzWaveFile::Open: ReadMMIO failed");
     hr = ResetFile();
-    if (FAILED(hr)) {
-      mmioClose(mmio, 0);
-      mmio = nullptr;
-      QZ_LOG_WRITE_STRING(QZ_LOG_ERROR, QzStringT<char>("QzWaveFile::Open: ResetFile failed"));
-      return hr;
-    }
+    if (FAILED(hr)) return Abandon(&mmio, hr, "QzWaveFile::Open: ResetFile failed");
     size = dataChunk.cksize;
     return S_OK;
   }
@@ -81,19 +79,9 @@ HRESULT QzWaveFile::Open(const char* path, tWAVEFORMATEX* format, OpenFlag openF
   mmio = mmioOpenA(const_cast<char*>(path), nullptr, MMIO_ALLOCBUF | MMIO_CREATE | MMIO_READWRITE);
   if (mmio == nullptr) return Fail("QzWaveFile::Open: mmioOpen failed");
   HRESULT hr = WriteMMIO(format);
-  if (FAILED(hr)) {
-    mmioClose(mmio, 0);
-    mmio = nullptr;
-    QZ_LOG_WRITE_STRING(QZ_LOG_ERROR, QzStringT<char>("QzWaveFile::Open: WriteMMIO failed"));
-    return hr;
-  }
+  if (FAILED(hr)) return Abandon(&mmio, hr, "QzWaveFile::Open: WriteMMIO failed");
   hr = ResetFile();
-  if (FAILED(hr)) {
-    mmioClose(mmio, 0);
-    mmio = nullptr;
-    QZ_LOG_WRITE_STRING(QZ_LOG_ERROR, QzStringT<char>("QzWaveFile::Open: ResetFile failed"));
-    return hr;
-  }
+  if (FAILED(hr)) return Abandon(&mmio, hr, "QzWaveFile::Open: ResetFile failed");
   return S_OK;
 }
 
