@@ -12,6 +12,11 @@
 
 using namespace qzsys;
 
+// The records are file layouts: any padding would corrupt what is written.
+static_assert(sizeof(tWAVEFORMATEX) == 18, "WAVEFORMATEX is 18 bytes, packed");
+static_assert(sizeof(PCMWAVEFORMAT) == 16, "PCMWAVEFORMAT is 16 bytes, packed");
+static_assert(sizeof(MMCKINFO) == 20, "MMCKINFO is five 32-bit words");
+
 namespace {
 
 constexpr FOURCC kWave = mmioFOURCC('W', 'A', 'V', 'E');
