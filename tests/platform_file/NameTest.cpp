@@ -233,6 +233,24 @@ TEST(PlatformFileTemp, NamesAreMadeExclusivelyAndNeverRepeatAcrossThreads) {
   EXPECT_EQ(all.size(), size_t(2 * kPerThread));
 }
 
+TEST(PlatformFileTemp, AnExistingNameIsSkippedNotReused) {
+  // Numbers come one after another within the process; plant the next two.
+  TempFolder dir;
+  char name[MAX_PATH], planted[2][MAX_PATH];
+  UINT n = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
+  ASSERT_NE(n, 0u);
+  for (UINT i = 0; i < 2; ++i) {
+    GetTempFileNameA(dir.path().c_str(), "TFR", ((n + 1 + i) & 0xFFFF) == 0 ? 1 : n + 1 + i, planted[i]);
+    WriteAll(planted[i], "keep");
+  }
+  UINT m = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
+  ASSERT_NE(m, 0u);
+  for (const char* p : planted) {
+    EXPECT_STRNE(name, p);
+    EXPECT_EQ(ReadAll(p), "keep");
+  }
+}
+
 TEST(PlatformFileTemp, NameRulesAndFailures) {
   TempFolder dir;
   char name[MAX_PATH];

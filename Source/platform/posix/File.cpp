@@ -177,12 +177,14 @@ unsigned QzFileRightsFromAccess(DWORD access) {
   return rights;
 }
 
-QzFileObject::QzFileObject(int fd, unsigned rights, DWORD share, uint64_t device, uint64_t inode,
-                           bool regular)
+QzFileObject::QzFileObject(int fd, DWORD access, unsigned rights, DWORD share, DWORD flags, uint64_t device,
+                           uint64_t inode, bool regular)
     : QzKernelObject(QzObjectKind::File),
       fd_(fd),
+      access_(access),
       rights_(rights),
       share_(share),
+      flags_(flags),
       device_(device),
       inode_(inode),
       regular_(regular) {}
@@ -278,7 +280,7 @@ HANDLE CreateFileA(LPCSTR path, DWORD access, DWORD shareMode, LPSECURITY_ATTRIB
   }
 
   QzFileObject* object = new (std::nothrow)
-      QzFileObject(fd, rights, share, st.st_dev, st.st_ino, S_ISREG(st.st_mode));
+      QzFileObject(fd, access, rights, share, flagsAndAttributes, st.st_dev, st.st_ino, S_ISREG(st.st_mode));
   if (object == nullptr) {
     close(fd);
     if (created) unlink(path);
