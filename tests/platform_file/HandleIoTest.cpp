@@ -9,10 +9,7 @@
 #include "platform/posix/FileObject.h"
 
 using namespace qzfiletest;
-using qztest::FaultScope;
-using qztest::ReadAll;
-using qztest::TempFolder;
-using qztest::WriteAll;
+using namespace qztest;
 
 namespace {
 
@@ -225,7 +222,7 @@ TEST(PlatformFileIo, FailureSwitchesFailTheirCallAndTouchNothing) {
   FaultScope open(QZ_FAULT_CREATE_FILE);
   EXPECT_EQ(Open(dir / "g", kWrite, 0, CREATE_NEW), QZ_INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-  EXPECT_FALSE(qztest::Exists(dir / "g"));
+  EXPECT_FALSE(Exists(dir / "g"));
 }
 
 TEST(PlatformFileIo, ShortWriteSwitchWritesHalfAndSaysSo) {

@@ -5,10 +5,7 @@
 #include <thread>
 
 using namespace qzfiletest;
-using qztest::Exists;
-using qztest::ReadAll;
-using qztest::TempFolder;
-using qztest::WriteAll;
+using namespace qztest;
 
 namespace {
 
