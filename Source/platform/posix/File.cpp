@@ -626,7 +626,7 @@ UINT GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name) {
   size_t stem = folderLength;
   memcpy(candidate, folder, folderLength);
   if (separator) candidate[stem++] = '/';
-  memcpy(candidate + stem, prefix, prefixLength);
+  if (prefixLength != 0) memcpy(candidate + stem, prefix, prefixLength);
   stem += prefixLength;
   auto build = [&](unsigned number) {
     snprintf(candidate + stem, sizeof candidate - stem, "%04X.tmp", number & 0xFFFFu);
