@@ -1,5 +1,7 @@
 #include "pools/QzThreadCache.h"
 
+#include <qzbase/QzLog.h>
+
 #include <string.h>
 
 #include "platform/QzPlatform.h"
@@ -128,16 +130,11 @@ QzHeap* QzPoolFindHeap(QzMempool* pool, QzThreadCache* cache, int32_t* heapIndex
 }
 
 void QzPoolLogAlreadyFreed(const void* block) {
-  static const char kHead[] = "Attempt to free already freed memory block 0x";
-  static const char kTail[] = " - aborting!\n";
-  static const char kHex[] = "0123456789ABCDEF";
-  char line[sizeof(kHead) + 2 * sizeof(void*) + sizeof(kTail)];
-  char* out = line;
-  memcpy(out, kHead, sizeof(kHead) - 1);
-  out += sizeof(kHead) - 1;
-  // %p of the original runtime: every digit of the word, upper case.
-  const uintptr_t address = reinterpret_cast<uintptr_t>(block);
-  for (int shift = int(8 * sizeof(void*)) - 4; shift >= 0; shift -= 4) *out++ = kHex[(address >> shift) & 15];
-  memcpy(out, kTail, sizeof(kTail));
-  OutputDebugStringA(line);
+  // Called with no lock held: the log allocates its line from the default
+  // pool, which may be this very pool. A line that cannot be built (no
+  // memory) is dropped: a free never throws.
+  try {
+    QZ_LOG_WRITE_A(QZ_LOG_FATAL_ERROR, "Attempt to free already freed memory block 0x%p - aborting!\n", block);
+  } catch (...) {
+  }
 }
