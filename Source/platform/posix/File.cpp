@@ -311,10 +311,8 @@ HANDLE CreateFileA(LPCSTR path, DWORD access, DWORD shareMode, LPSECURITY_ATTRIB
       flags &= ~O_NONBLOCK;
       // Direct I/O where the file system takes it; elsewhere (tmpfs on older
       // kernels, some network file systems) the cache is used after all.
-      if ((flagsAndAttributes & FILE_FLAG_NO_BUFFERING) && fcntl(fd, F_SETFL, flags | O_DIRECT) == 0) {
-      } else {
-        fcntl(fd, F_SETFL, flags);
-      }
+      bool direct = (flagsAndAttributes & FILE_FLAG_NO_BUFFERING) && fcntl(fd, F_SETFL, flags | O_DIRECT) == 0;
+      if (!direct) fcntl(fd, F_SETFL, flags);
     }
     int advice = Advice(flagsAndAttributes);
     if (advice != POSIX_FADV_NORMAL && S_ISREG(st.st_mode)) posix_fadvise(fd, 0, 0, advice);
