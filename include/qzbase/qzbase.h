@@ -13,6 +13,7 @@
 #include <qzbase/QzDebug.h>
 #include <qzbase/QzFile.h>
 #include <qzbase/QzLog.h>
+#include <qzbase/QzRandom.h>
 // QZ_PUBLIC_HEADERS_END
 
 #endif  // QZBASE_QZBASE_H
