@@ -101,7 +101,7 @@ QZ_API size_t Qz_MempoolFootprint(QzMempool* pool) {
   size_t sum = 0;
   // No lock: each heap's figure is read as one word and may be stale at once.
   ForEachHeap(QzResolvePool(pool), [&](QzHeap* heap) {
-    if (MagicOk(heap)) sum += __atomic_load_n(&heap->footprint, __ATOMIC_RELAXED);
+    if (MagicOk(heap)) sum += QzFootprint(heap);
   });
   return sum;
 }

@@ -87,8 +87,9 @@ void QzRandomRegenerate(uint32_t* state) {
   uint32_t k = 0;
   for (; k + 4 <= kFirstRun; k += 4) Twist4(state, k, k + QZ_MT_MIDDLE);
   for (; k < kFirstRun; ++k) state[k] = Twist(state[k], state[k + 1], state[k + QZ_MT_MIDDLE]);
-  for (; k + 4 <= QZ_MT_DEGREE - 1; k += 4) Twist4(state, k, k - kFirstRun);
-  for (; k < QZ_MT_DEGREE - 1; ++k) state[k] = Twist(state[k], state[k + 1], state[k - kFirstRun]);
+  // 227 to 622 is a whole number of groups.
+  static_assert((QZ_MT_DEGREE - 1 - kFirstRun) % 4 == 0, "no tail after the second run");
+  for (; k < QZ_MT_DEGREE - 1; k += 4) Twist4(state, k, k - kFirstRun);
   state[k] = Twist(state[k], state[0], state[QZ_MT_MIDDLE - 1]);
 #else
   QzRandomRegenerateScalar(state);

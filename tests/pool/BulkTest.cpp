@@ -188,4 +188,36 @@ TEST_F(Bulk, LongSizeListsAndHeapsAfterACorruptionReset) {
   EXPECT_EQ(PoolProblem(pool), "");
 }
 
+TEST_F(Bulk, ThreadsCarveAndFreeWhileStatisticsRead) {
+  std::atomic<bool> stop{false};
+  std::atomic<int> failures{0};
+  std::vector<std::thread> workers;
+  for (int t = 0; t < 2; ++t)
+    workers.emplace_back([&, t] {
+      for (int round = 0; round < 100; ++round) {
+        const size_t sizes[] = {size_t(8 + t), 300, 20000, 40};
+        void** a = (round & 1) ? Qz_MempoolIndependentCoMalloc(pool, 4, sizes, nullptr)
+                               : Qz_MempoolIndependentCalloc(pool, 50, 24 + 8 * t, nullptr);
+        if (a == nullptr) {
+          ++failures;
+          continue;
+        }
+        FreeShuffled(pool, a, (round & 1) ? 4 : 50, true, unsigned(round));
+      }
+      Qz_MempoolDisableThreadCache(pool);
+    });
+  std::thread reader([&] {
+    while (!stop.load()) {
+      const QzMempoolInfo info = Qz_MempoolGetInfo(pool);
+      if (info.freeChunks == 0 || Qz_MempoolFootprint(pool) == 0) ++failures;
+      Qz_MempoolTrim(pool, 0);
+    }
+  });
+  for (std::thread& w : workers) w.join();
+  stop.store(true);
+  reader.join();
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_EQ(PoolProblem(pool), "");
+}
+
 }  // namespace
