@@ -75,13 +75,6 @@ inline uint32_t Next(QzRandom* random) {
 
 }  // namespace
 
-void QzRandomRegenerateScalar(uint32_t* state) {
-  uint32_t k = 0;
-  for (; k < kFirstRun; ++k) state[k] = Twist(state[k], state[k + 1], state[k + QZ_MT_MIDDLE]);
-  for (; k < QZ_MT_DEGREE - 1; ++k) state[k] = Twist(state[k], state[k + 1], state[k - kFirstRun]);
-  state[k] = Twist(state[k], state[0], state[QZ_MT_MIDDLE - 1]);
-}
-
 void QzRandomRegenerate(uint32_t* state) {
 #if defined(__SSE2__)
   uint32_t k = 0;
@@ -92,7 +85,10 @@ void QzRandomRegenerate(uint32_t* state) {
   for (; k < QZ_MT_DEGREE - 1; k += 4) Twist4(state, k, k - kFirstRun);
   state[k] = Twist(state[k], state[0], state[QZ_MT_MIDDLE - 1]);
 #else
-  QzRandomRegenerateScalar(state);
+  uint32_t k = 0;
+  for (; k < kFirstRun; ++k) state[k] = Twist(state[k], state[k + 1], state[k + QZ_MT_MIDDLE]);
+  for (; k < QZ_MT_DEGREE - 1; ++k) state[k] = Twist(state[k], state[k + 1], state[k - kFirstRun]);
+  state[k] = Twist(state[k], state[0], state[QZ_MT_MIDDLE - 1]);
 #endif
 }
 

@@ -28,7 +28,5 @@ void QzRandomSeedArray(QzRandom* random, const uint32_t* seeds, uint32_t count);
 // Replaces all 624 words by the next 624 of the sequence (vectorised where
 // the processor allows; the result is the same word for word).
 void QzRandomRegenerate(uint32_t* state);
-// The reference regeneration, one word at a time; the tests compare the two.
-void QzRandomRegenerateScalar(uint32_t* state);
 
 #endif  // QZBASE_QZRANDOM_INTERNAL_H
