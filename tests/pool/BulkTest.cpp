@@ -83,7 +83,7 @@ TEST_F(Bulk, ElementsSideBySideEachFreedAlone) {
     void** array = c.co ? Qz_MempoolIndependentCoMalloc(p, c.sizes.size(), c.sizes.data(), given)
                         : Qz_MempoolIndependentCalloc(p, c.sizes.size(), c.sizes[0], given);
     ASSERT_NE(array, nullptr);
-    if (c.callerArray) EXPECT_EQ(array, own.data());
+    EXPECT_EQ(array == own.data(), c.callerArray);
     EXPECT_TRUE(LaidOut(array, c.sizes, !c.callerArray));
     for (size_t i = 0; i < c.sizes.size() && !c.co; ++i)
       EXPECT_TRUE(AllZero(array[i], Qz_MemblkSize(array[i]))) << i;
@@ -95,7 +95,9 @@ TEST_F(Bulk, ElementsSideBySideEachFreedAlone) {
 
     FreeShuffled(p, array, c.sizes.size(), !c.callerArray, seed++);
     EXPECT_EQ(PoolProblem(p), "");
-    if (!c.cached) EXPECT_EQ(Qz_MempoolGetInfo(p).usedBytes, usedBefore);  // every piece merged back
+    if (!c.cached) {
+      EXPECT_EQ(Qz_MempoolGetInfo(p).usedBytes, usedBefore);  // every piece merged back
+    }
     Qz_DestroyMempool(p);
   }
 }
@@ -108,7 +110,8 @@ TEST_F(Bulk, CountZero) {
   EXPECT_EQ(Qz_MempoolIndependentCoMalloc(pool, 0, nullptr, mine), mine);
   EXPECT_EQ(mine[0], reinterpret_cast<void*>(0x1));
   // Without an array: a block standing for the empty array.
-  for (void** empty : {Qz_MempoolIndependentCalloc(pool, 0, 8, nullptr), Qz_MempoolIndependentCoMalloc(pool, 0, nullptr, nullptr)}) {
+  for (void** empty :
+       {Qz_MempoolIndependentCalloc(pool, 0, 8, nullptr), Qz_MempoolIndependentCoMalloc(pool, 0, nullptr, nullptr)}) {
     ASSERT_NE(empty, nullptr);
     EXPECT_GT(Qz_MemblkSize(empty), 0u);
     Qz_MempoolFree(pool, empty);

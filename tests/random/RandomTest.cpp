@@ -165,9 +165,11 @@ struct RangeCase {
 
 TEST(Random, RangeLimitsAndDraws) {
   const RangeCase cases[] = {
-      {7, 7, 0},                     {0, 1, 0xFFFFFFFFu},           {5, 8, 0xFFFFFFFEu},           {0, 0x80000000u, 0xFFFFFFFFu},
-      {0, 0x7FFFFFFFu, 0xFFFFFFFDu}, {0, 0x80000001u, 0x80000000u}, {0, 0xFFFFFFFFu, 0xFFFFFFFEu},
-      {0, 3, 0xFFFFFFFEu},           {0, 6, 0xFFFFFFFBu},           {10, 3, 0xFFFFFFF8u},
+      {7, 7, 0},           {0, 1, 0xFFFFFFFFu},           {5, 8, 0xFFFFFFFEu},
+      {0, 3, 0xFFFFFFFEu}, {0, 6, 0xFFFFFFFBu},           {10, 3, 0xFFFFFFF8u},
+      // Just below, at and just above 2^31, and the widest range.
+      {0, 0x7FFFFFFFu, 0xFFFFFFFDu}, {0, 0x80000000u, 0xFFFFFFFFu}, {0, 0x80000001u, 0x80000000u},
+      {0, 0xFFFFFFFFu, 0xFFFFFFFEu},
       {0xFFFFFFFFu, 0x7FFFFFFFu, 0xFFFFFFFFu},  // range 2^31, wrapping through 0
   };
   for (const RangeCase& c : cases) {
