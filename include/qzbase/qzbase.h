@@ -14,6 +14,7 @@
 #include <qzbase/QzFile.h>
 #include <qzbase/QzLog.h>
 #include <qzbase/QzSyncObject.h>
+#include <qzbase/QzRandom.h>
 // QZ_PUBLIC_HEADERS_END
 
 #endif  // QZBASE_QZBASE_H
