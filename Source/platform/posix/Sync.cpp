@@ -81,7 +81,9 @@ bool DeadlinePassed(bool infinite, Clock::time_point deadline) {
 // ---- Events ---------------------------------------------------------------------------
 
 // State lives under a small internal lock that is held only to test and change
-// it, never across a sleep. The futex word mirrors it: the low bit is the
+// it, never across a sleep, so a waiter can only die holding it if it is
+// killed in the middle of those few instructions (which no TerminateThread
+// makes safe on Windows either). The futex word mirrors the state: the low bit is the
 // signalled state, the rest the low bits of `epoch`, which counts SetEvent and
 // PulseEvent calls that found the event not signalled.
 //
