@@ -116,6 +116,11 @@ HRESULT QzThreadSemaphore::PostN(LONG count) {
 }
 
 // ---- Condition --------------------------------------------------------------------------
+
+// The record keeps its Windows layout on i386 (44 bytes), and the same fields
+// with 64-bit words on x86-64.
+static_assert(sizeof(QzCriticalSection) == (sizeof(void*) == 4 ? 24 : 40), "critical section record");
+static_assert(sizeof(QzThreadCondition) == (sizeof(void*) == 4 ? 44 : 72), "condition record");
 //
 // A waiter is counted under the inner lock before it lets go of the external
 // one, so a thread that changes the shared state under the external lock and
