@@ -54,7 +54,9 @@ LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protect);
 // MEM_RELEASE with size 0 of the start address of one whole allocation gives
 // it back. Anything else fails: an address that is not the start of an
 // allocation of this layer gives ERROR_INVALID_ADDRESS, a non-zero size or
-// another free type ERROR_INVALID_PARAMETER. FALSE on failure.
+// another free type ERROR_INVALID_PARAMETER. FALSE on failure; the failure
+// switch QZ_FAULT_VIRTUAL_FREE makes it fail (ERROR_INVALID_ADDRESS) and
+// keep the allocation.
 BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD freeType);
 
 // Describes the allocation of this layer that holds `address` (see the record

@@ -166,6 +166,10 @@ LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protect) {
 }
 
 BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD freeType) {
+  if (QzFaultHit(QZ_FAULT_VIRTUAL_FREE)) {
+    SetLastError(ERROR_INVALID_ADDRESS);
+    return FALSE;
+  }
   if (freeType != MEM_RELEASE || size != 0) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
