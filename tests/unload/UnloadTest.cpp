@@ -20,6 +20,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -184,8 +185,8 @@ void LoadAndUnload(bool sandboxed) {
     if (sandboxed != (HandlerOf(SIGSEGV) != reinterpret_cast<void*>(&HostHandler))) _exit(13);
     // A host thread that used the library ends only after the unload: its
     // thread-exit destructors must not lead into the unloaded code.
-    int answer = 0;
-    volatile bool unloaded = false;
+    std::atomic<int> answer{0};
+    std::atomic<bool> unloaded{false};
     std::thread user([&] {
       answer = exercise(bad);
       while (!unloaded) usleep(100);
