@@ -106,6 +106,9 @@ constexpr size_t QZ_FENCEPOST = 7;  // a size word of exactly this ends a segmen
 // Heap flags.
 constexpr uint32_t QZ_HEAP_DIRECT = 1;  // direct mapping allowed
 constexpr uint32_t QZ_HEAP_LOCKED = 2;  // locking on
+// Set by a corruption reset, never cleared: frees and reallocations then drop
+// a chunk that lies in none of the heap's segments (forgotten memory).
+constexpr uint32_t QZ_HEAP_FORGOT = 8;
 
 // ---- Records ---------------------------------------------------------------------
 struct QzChunk {

@@ -13,6 +13,11 @@ using qzstr::Header;
 
 namespace {
 
+// At namespace scope: a static inside a member of an exported template would
+// be a unique object, which keeps the library from ever being unloaded.
+const char kHexLower[] = "0123456789abcdef";
+const char kHexUpper[] = "0123456789ABCDEF";
+
 inline int Engine(char* buffer, unsigned int count, const char* format, va_list args) {
   return QZ_VSNPRINTF_A(buffer, count, format, args);
 }
@@ -151,9 +156,7 @@ template <typename T>
 QzStringT<T> QzStringBaseT<T>::ToHexString(const unsigned char* data, unsigned int size,
                                            unsigned int groupSize, int lowercase) {
   if (size == 0) return empty;
-  static const char kLower[] = "0123456789abcdef";
-  static const char kUpper[] = "0123456789ABCDEF";
-  const char* digits = lowercase ? kLower : kUpper;
+  const char* digits = lowercase ? kHexLower : kHexUpper;
   unsigned int room = 2u * size + 2u;
   if (groupSize != 0) room += size / groupSize;
   QzStringT<T> result(room, T(0));
