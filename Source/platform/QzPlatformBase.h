@@ -51,6 +51,14 @@ void QzSetDebugOutputHook(QzDebugOutputHook hook, void* context);
 typedef void (*QzProbeFn)(volatile void* address);
 bool QzGuardedProbe(QzProbeFn probe, volatile void* address);
 
+// Runs fn(context) under the same guard: true when fn returned, false when a
+// processor fault raised inside it was caught. A caught fault skips the rest
+// of fn with no C++ destructor run for its frames, as a structured exception
+// guard without unwinding would. Guards nest: a probe made inside fn leaves
+// fn's own guard in place.
+typedef void (*QzGuardedFn)(void* context);
+bool QzGuardedCall(QzGuardedFn fn, void* context);
+
 }  // namespace qzsys
 
 #endif  // QZBASE_PLATFORM_QZPLATFORMBASE_H

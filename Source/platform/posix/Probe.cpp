@@ -82,32 +82,67 @@ void Install() {
 
 }  // namespace
 
-bool QzGuardedProbe(QzProbeFn probe, volatile void* address) {
-  std::call_once(g_installOnce, &Install);
-  // A probe may run where the fault signals are blocked, in a host's own
-  // fault handler for one: a blocked fault would end the process, so they
-  // are let through for the probe's length. The same call tells the mask to
-  // put back, which the jump then need not save.
-  sigset_t faults, saved;
+namespace {
+
+// Unblocks the fault signals for the guarded region; a blocked fault would end
+// the process. True when some were blocked and the mask must be put back.
+bool LetFaultsThrough(sigset_t* saved) {
+  sigset_t faults;
   sigemptyset(&faults);
   for (int sig : kSignals) sigaddset(&faults, sig);
-  pthread_sigmask(SIG_UNBLOCK, &faults, &saved);
+  pthread_sigmask(SIG_UNBLOCK, &faults, saved);
   bool restore = false;
-  for (int sig : kSignals) restore |= sigismember(&saved, sig) == 1;
+  for (int sig : kSignals) restore |= sigismember(saved, sig) == 1;
+  return restore;
+}
+
+}  // namespace
+
+bool QzGuardedCall(QzGuardedFn fn, void* context) {
+  std::call_once(g_installOnce, &Install);
+  // A guarded call may run where the fault signals are blocked, in a host's
+  // own fault handler for one. The same call tells the mask to put back,
+  // which the jump then need not save.
+  sigset_t saved;
+  volatile bool restore = LetFaultsThrough(&saved);
+  sigjmp_buf* const outer = t_probeJump;  // guards nest: a probe inside a guarded call
 
   sigjmp_buf jump;
   if (sigsetjmp(jump, 0) != 0) {
     // The kernel blocked the signal for the handler we jumped out of.
     pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    t_probeJump = outer;
     return false;
   }
   t_probeJump = &jump;
   std::atomic_signal_fence(std::memory_order_seq_cst);
-  probe(address);
+  try {
+    fn(context);
+  } catch (...) {  // a C++ exception is the caller's to handle, with the guard gone
+    t_probeJump = outer;
+    if (restore) pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    throw;
+  }
   std::atomic_signal_fence(std::memory_order_seq_cst);
-  t_probeJump = nullptr;
+  t_probeJump = outer;
   if (restore) pthread_sigmask(SIG_SETMASK, &saved, nullptr);
   return true;
+}
+
+namespace {
+struct ProbeCall {
+  QzProbeFn probe;
+  volatile void* address;
+};
+void RunProbe(void* context) {
+  auto* call = static_cast<ProbeCall*>(context);
+  call->probe(call->address);
+}
+}  // namespace
+
+bool QzGuardedProbe(QzProbeFn probe, volatile void* address) {
+  ProbeCall call{probe, address};
+  return QzGuardedCall(&RunProbe, &call);
 }
 
 }  // namespace qzsys
