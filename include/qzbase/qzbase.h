@@ -13,6 +13,8 @@
 #include <qzbase/QzDebug.h>
 #include <qzbase/QzFile.h>
 #include <qzbase/QzLog.h>
+#include <qzbase/QzDelegate.h>
+#include <qzbase/QzThread.h>
 // QZ_PUBLIC_HEADERS_END
 
 #endif  // QZBASE_QZBASE_H
