@@ -74,7 +74,7 @@ class QZ_API QzThread {
   static unsigned int InternalThreadEntryPoinit(void* self);
   void InternalThreadEntryPoinit();
 
- private:
+ protected:
   std::atomic<void*> m_handle;  // written by the thread at its end
   std::atomic<DWORD> m_threadId;
   Procedure m_procedure;

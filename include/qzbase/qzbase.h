@@ -15,6 +15,9 @@
 #include <qzbase/QzLog.h>
 #include <qzbase/QzDelegate.h>
 #include <qzbase/QzThread.h>
+#include <qzbase/QzEventQueue.h>
+#include <qzbase/QzTimeValue.h>
+#include <qzbase/QzTimer.h>
 // QZ_PUBLIC_HEADERS_END
 
 #endif  // QZBASE_QZBASE_H
