@@ -121,9 +121,10 @@ void QzThread::InternalThreadEntryPoinit() {
     const Procedure handler = m_exceptHandler;
     if (!handler.empty()) (void)QzCallGuarded(handler);
   }
+  // The handle field goes last: once it reads 0 the owner may free the object.
+  m_threadId.store(0, std::memory_order_release);
   HANDLE handle = m_handle.load(std::memory_order_acquire);
   if (handle != nullptr && CloseHandle(handle)) m_handle.store(nullptr, std::memory_order_release);
-  m_threadId.store(0, std::memory_order_release);
 }
 
 int QzThread::IsThreadActive() {
