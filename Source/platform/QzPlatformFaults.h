@@ -50,6 +50,7 @@ enum QzFault : unsigned {
   // Mapping and multimedia files (MapViewOfFileEx above)
   QZ_FAULT_CREATE_MAPPING,   // CreateFileMappingA / OpenFileMappingA fail
   QZ_FAULT_MMIO,             // mmioOpenA fails
+  QZ_FAULT_GET_FILE_SIZE,    // GetFileSize fails
   QZ_FAULT_COUNT
 };
 

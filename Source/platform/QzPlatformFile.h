@@ -29,6 +29,8 @@ namespace qzsys {
 
 constexpr DWORD GENERIC_READ = 0x80000000u;
 constexpr DWORD GENERIC_WRITE = 0x40000000u;
+constexpr DWORD GENERIC_ALL = 0x10000000u;
+constexpr DWORD DELETE = 0x00010000u;
 constexpr DWORD FILE_SHARE_READ = 1;
 constexpr DWORD FILE_SHARE_WRITE = 2;
 constexpr DWORD FILE_SHARE_DELETE = 4;
@@ -55,6 +57,7 @@ constexpr DWORD FILE_END = 2;
 constexpr DWORD INVALID_SET_FILE_POINTER = 0xFFFFFFFFu;
 constexpr DWORD INVALID_FILE_SIZE = 0xFFFFFFFFu;
 constexpr DWORD MAX_PATH = 260;
+constexpr DWORD ERROR_NOT_SAME_DEVICE = 17;
 
 // Opens or creates a file. Access: GENERIC_READ/GENERIC_WRITE, or 0 (the
 // file is only looked at: attributes and size). Dispositions CREATE_NEW,

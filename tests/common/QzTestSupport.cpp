@@ -1,5 +1,14 @@
 #include "QzTestSupport.h"
 
+#include <ftw.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
 namespace qztest {
 
 DebugCapture::DebugCapture() { qzsys::QzSetDebugOutputHook(&DebugCapture::Hook, this); }
@@ -27,6 +36,48 @@ std::string DebugCapture::joined() const {
 void DebugCapture::clear() {
   std::lock_guard<std::mutex> lock(mutex_);
   texts_.clear();
+}
+
+namespace {
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
+  // Folders first made writable, so that their entries can go for anyone.
+  chmod(path, 0700);
+  remove(path);
+  return 0;
+}
+int OpenUp(const char* path, const struct stat* st, int type, struct FTW*) {
+  if (type == FTW_D || type == FTW_DNR) chmod(path, 0700);
+  return 0;
+}
+}  // namespace
+
+TempFolder::TempFolder() {
+  const char* base = getenv("TMPDIR");
+  std::string pattern = std::string(base != nullptr && *base != 0 ? base : "/tmp") + "/qztest-XXXXXX";
+  if (mkdtemp(&pattern[0]) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
+}
+
+TempFolder::~TempFolder() {
+  nftw(path_.c_str(), OpenUp, 16, FTW_PHYS);
+  nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+std::string ReadAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream all;
+  all << in.rdbuf();
+  return all.str();
+}
+
+void WriteAll(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+bool Exists(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0;
 }
 
 }  // namespace qztest

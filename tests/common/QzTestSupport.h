@@ -39,6 +39,27 @@ class DebugCapture {
   std::vector<std::string> texts_;
 };
 
+// A fresh folder under the system's temporary folder, removed with everything
+// in it (read-only entries too) when the object goes.
+class TempFolder {
+ public:
+  TempFolder();
+  ~TempFolder();
+  const std::string& path() const { return path_; }
+  // path() + "/" + name
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+ private:
+  std::string path_;
+};
+
+// Whole-file helpers for checking what calls left on disk. ReadAll gives ""
+// for a missing file; use Exists to tell the two apart.
+std::string ReadAll(const std::string& path);
+void WriteAll(const std::string& path, const std::string& content);
+bool Exists(const std::string& path);
+
 }  // namespace qztest
 
 #endif

@@ -1,0 +1,286 @@
+// Calls on a name: attributes, delete, move; the temporary folder and names.
+#include "FileTestSupport.h"
+
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <set>
+#include <thread>
+
+using namespace qzfiletest;
+using qztest::Exists;
+using qztest::FaultScope;
+using qztest::ReadAll;
+using qztest::TempFolder;
+using qztest::WriteAll;
+
+namespace {
+
+TEST(PlatformFileNames, AttributesComeFromTheModeAndReadOnlyIsEnforced) {
+  TempFolder dir;
+  WriteAll(dir / "f", "x");
+  mkdir((dir / "d").c_str(), 0755);
+  const struct {
+    std::string path;
+    DWORD attributes;
+    DWORD error;
+  } rows[] = {
+      {dir / "f", FILE_ATTRIBUTE_NORMAL, 0},
+      {dir / "d", FILE_ATTRIBUTE_DIRECTORY, 0},
+      {dir / "none", INVALID_FILE_ATTRIBUTES, ERROR_FILE_NOT_FOUND},
+      {dir / "none/f", INVALID_FILE_ATTRIBUTES, ERROR_PATH_NOT_FOUND},
+      {"", INVALID_FILE_ATTRIBUTES, ERROR_PATH_NOT_FOUND},
+  };
+  for (const auto& r : rows) {
+    SetLastError(0);
+    EXPECT_EQ(GetFileAttributesA(r.path.c_str()), r.attributes) << r.path;
+    EXPECT_EQ(GetLastError(), r.error) << r.path;
+  }
+
+  std::string f = dir / "f";
+  ASSERT_TRUE(SetFileAttributesA(f.c_str(), FILE_ATTRIBUTE_READONLY));
+  EXPECT_EQ(GetFileAttributesA(f.c_str()), FILE_ATTRIBUTE_READONLY);
+  // Read-only holds even for root: no writing open, no delete; reading is fine.
+  EXPECT_EQ(Open(f, kWrite), QZ_INVALID_HANDLE_VALUE);
+  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+  EXPECT_FALSE(DeleteFileA(f.c_str()));
+  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+  EXPECT_TRUE(Handle(Open(f, kRead)).valid());
+  ASSERT_TRUE(SetFileAttributesA(f.c_str(), FILE_ATTRIBUTE_NORMAL));
+  EXPECT_EQ(GetFileAttributesA(f.c_str()), FILE_ATTRIBUTE_NORMAL);
+  EXPECT_TRUE(DeleteFileA(f.c_str()));
+  EXPECT_FALSE(Exists(f));
+
+  EXPECT_FALSE(SetFileAttributesA((dir / "none").c_str(), FILE_ATTRIBUTE_NORMAL));
+  EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+  {
+    FaultScope fault(QZ_FAULT_FILE_ATTRIBUTES);
+    EXPECT_EQ(GetFileAttributesA((dir / "d").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_FALSE(SetFileAttributesA((dir / "d").c_str(), FILE_ATTRIBUTE_READONLY));
+  }
+  EXPECT_EQ(GetFileAttributesA((dir / "d").c_str()), FILE_ATTRIBUTE_DIRECTORY);
+}
+
+TEST(PlatformFileNames, DeleteRefusesFoldersAndMissingNamesAndObeysItsSwitch) {
+  TempFolder dir;
+  WriteAll(dir / "f", "x");
+  mkdir((dir / "d").c_str(), 0755);
+  const struct {
+    std::string path;
+    DWORD error;
+  } rows[] = {
+      {dir / "d", ERROR_ACCESS_DENIED},
+      {dir / "none", ERROR_FILE_NOT_FOUND},
+      {dir / "none/f", ERROR_PATH_NOT_FOUND},
+  };
+  for (const auto& r : rows) {
+    EXPECT_FALSE(DeleteFileA(r.path.c_str())) << r.path;
+    EXPECT_EQ(GetLastError(), r.error) << r.path;
+  }
+  EXPECT_FALSE(DeleteFileA(nullptr));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  {
+    FaultScope fault(QZ_FAULT_DELETE_FILE);
+    EXPECT_FALSE(DeleteFileA((dir / "f").c_str()));
+  }
+  EXPECT_TRUE(Exists(dir / "f"));
+  EXPECT_TRUE(Exists(dir / "d"));
+}
+
+TEST(PlatformFileNames, MoveNeverReplacesAnExistingTarget) {
+  TempFolder dir;
+  WriteAll(dir / "a", "A");
+  WriteAll(dir / "b", "B");
+  mkdir((dir / "d").c_str(), 0755);
+  const struct {
+    std::string from, to;
+    DWORD error;
+  } refused[] = {
+      {dir / "a", dir / "b", ERROR_ALREADY_EXISTS},
+      {dir / "a", dir / "d", ERROR_ALREADY_EXISTS},
+      {dir / "a", dir / "a", ERROR_ALREADY_EXISTS},
+      {dir / "none", dir / "c", ERROR_FILE_NOT_FOUND},
+      {dir / "a", dir / "none/c", ERROR_PATH_NOT_FOUND},
+      {dir / "a", "", ERROR_PATH_NOT_FOUND},
+  };
+  for (const auto& r : refused) {
+    EXPECT_FALSE(MoveFileA(r.from.c_str(), r.to.c_str())) << r.from << " -> " << r.to;
+    EXPECT_EQ(GetLastError(), r.error) << r.from << " -> " << r.to;
+  }
+  {
+    FaultScope fault(QZ_FAULT_MOVE_FILE);
+    EXPECT_FALSE(MoveFileA((dir / "a").c_str(), (dir / "c").c_str()));
+  }
+  EXPECT_EQ(ReadAll(dir / "a"), "A");
+  EXPECT_EQ(ReadAll(dir / "b"), "B");
+  EXPECT_FALSE(Exists(dir / "c"));
+
+  EXPECT_TRUE(MoveFileA((dir / "a").c_str(), (dir / "d/c").c_str()));
+  EXPECT_FALSE(Exists(dir / "a"));
+  EXPECT_EQ(ReadAll(dir / "d/c"), "A");
+  // Folders move too.
+  EXPECT_TRUE(MoveFileA((dir / "d").c_str(), (dir / "e").c_str()));
+  EXPECT_EQ(ReadAll(dir / "e/c"), "A");
+}
+
+TEST(PlatformFileNames, MoveAcrossFileSystemsCopiesThenRemoves) {
+  TempFolder dir;
+  struct stat here, shm;
+  if (stat("/dev/shm", &shm) != 0 || stat(dir.path().c_str(), &here) != 0 || shm.st_dev == here.st_dev)
+    GTEST_SKIP() << "no second file system at /dev/shm";
+  std::string other = "/dev/shm/qz-move-" + std::to_string(getpid());
+  std::string content(200000, 'm');
+  WriteAll(dir / "a", content);
+  chmod((dir / "a").c_str(), 0640);
+  ASSERT_TRUE(MoveFileA((dir / "a").c_str(), other.c_str()));
+  EXPECT_FALSE(Exists(dir / "a"));
+  EXPECT_EQ(ReadAll(other), content);
+  struct stat moved;
+  ASSERT_EQ(stat(other.c_str(), &moved), 0);
+  EXPECT_EQ(moved.st_mode & 0777, 0640u);
+  // Back again onto a name that exists: refused, both stay.
+  WriteAll(dir / "b", "B");
+  EXPECT_FALSE(MoveFileA(other.c_str(), (dir / "b").c_str()));
+  EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+  EXPECT_EQ(ReadAll(dir / "b"), "B");
+  EXPECT_TRUE(Exists(other));
+  EXPECT_TRUE(DeleteFileA(other.c_str()));
+}
+
+// Sets or clears TMPDIR for one scope.
+class TmpDirScope {
+ public:
+  explicit TmpDirScope(const char* value) {
+    const char* old = getenv("TMPDIR");
+    had_ = old != nullptr;
+    if (had_) old_ = old;
+    if (value != nullptr) setenv("TMPDIR", value, 1);
+    else unsetenv("TMPDIR");
+  }
+  ~TmpDirScope() {
+    if (had_) setenv("TMPDIR", old_.c_str(), 1);
+    else unsetenv("TMPDIR");
+  }
+ private:
+  bool had_;
+  std::string old_;
+};
+
+TEST(PlatformFileTemp, TempPathEndsInOneSeparatorAndReportsTheSizeItNeeds) {
+  const struct {
+    const char* tmpdir;
+    const char* expected;
+  } rows[] = {{nullptr, "/tmp/"}, {"", "/tmp/"}, {"/var/x", "/var/x/"}, {"/var/x/", "/var/x/"}, {"/", "/"}};
+  for (const auto& r : rows) {
+    TmpDirScope scope(r.tmpdir);
+    char buffer[MAX_PATH];
+    DWORD n = GetTempPathA(MAX_PATH, buffer);
+    EXPECT_EQ(n, strlen(r.expected));
+    EXPECT_STREQ(buffer, r.expected);
+    // Too small by one (no room for the terminator): the size needed, nothing written.
+    memset(buffer, '#', sizeof buffer);
+    EXPECT_EQ(GetTempPathA(n, buffer), n + 1);
+    EXPECT_EQ(buffer[0], '#');
+  }
+  FaultScope fault(QZ_FAULT_TEMP_PATH);
+  char buffer[MAX_PATH];
+  EXPECT_EQ(GetTempPathA(MAX_PATH, buffer), 0u);
+  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+}
+
+bool IsTempName(const std::string& name, const std::string& folder, const std::string& prefix) {
+  if (name.size() != folder.size() + prefix.size() + 8 || name.compare(0, folder.size(), folder) != 0) return false;
+  std::string rest = name.substr(folder.size());
+  if (rest.compare(0, prefix.size(), prefix) != 0 || rest.substr(prefix.size() + 4) != ".tmp") return false;
+  for (char c : rest.substr(prefix.size(), 4))
+    if (!isxdigit(static_cast<unsigned char>(c)) || islower(static_cast<unsigned char>(c))) return false;
+  return true;
+}
+
+TEST(PlatformFileTemp, NamesAreMadeExclusivelyAndNeverRepeatAcrossThreads) {
+  TempFolder dir;
+  const std::string folder = dir.path() + "/";
+  constexpr int kPerThread = 150;
+  std::vector<std::string> names[2];
+  std::vector<UINT> numbers[2];
+  auto make = [&](int t) {
+    for (int i = 0; i < kPerThread; ++i) {
+      char name[MAX_PATH];
+      UINT n = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
+      if (n == 0) return;
+      names[t].push_back(name);
+      numbers[t].push_back(n);
+    }
+  };
+  std::thread other(make, 1);
+  make(0);
+  other.join();
+  std::set<std::string> all;
+  for (int t = 0; t < 2; ++t) {
+    ASSERT_EQ(names[t].size(), size_t(kPerThread));
+    for (size_t i = 0; i < names[t].size(); ++i) {
+      const std::string& name = names[t][i];
+      EXPECT_TRUE(IsTempName(name, folder, "TFR")) << name;
+      char digits[5];
+      snprintf(digits, sizeof digits, "%04X", numbers[t][i]);
+      EXPECT_EQ(name.substr(folder.size() + 3, 4), digits);
+      struct stat st;
+      EXPECT_EQ(stat(name.c_str(), &st), 0) << name;
+      EXPECT_EQ(st.st_size, 0) << name;
+      all.insert(name);
+    }
+  }
+  EXPECT_EQ(all.size(), size_t(2 * kPerThread));
+}
+
+TEST(PlatformFileTemp, AnExistingNameIsSkippedNotReused) {
+  // Numbers come one after another within the process; plant the next two.
+  TempFolder dir;
+  char name[MAX_PATH], planted[2][MAX_PATH];
+  UINT n = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
+  ASSERT_NE(n, 0u);
+  for (UINT i = 0; i < 2; ++i) {
+    GetTempFileNameA(dir.path().c_str(), "TFR", ((n + 1 + i) & 0xFFFF) == 0 ? 1 : n + 1 + i, planted[i]);
+    WriteAll(planted[i], "keep");
+  }
+  UINT m = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
+  ASSERT_NE(m, 0u);
+  for (const char* p : planted) {
+    EXPECT_STRNE(name, p);
+    EXPECT_EQ(ReadAll(p), "keep");
+  }
+}
+
+TEST(PlatformFileTemp, NameRulesAndFailures) {
+  TempFolder dir;
+  char name[MAX_PATH];
+  // A given number only builds the name; a separator is added when missing.
+  EXPECT_EQ(GetTempFileNameA(dir.path().c_str(), "ABCDEF", 0x1abcd, name), 0x1abcdu);
+  EXPECT_EQ(std::string(name), dir / "ABCABCD.tmp");
+  EXPECT_FALSE(Exists(name));
+  EXPECT_EQ(GetTempFileNameA((dir.path() + "/").c_str(), nullptr, 7, name), 7u);
+  EXPECT_EQ(std::string(name), dir / "0007.tmp");
+
+  // The longest folder whose names still fit MAX_PATH, and one more.
+  std::string longest = dir.path() + "/" + std::string(MAX_PATH - 1 - 12 - dir.path().size() - 1, 'l');
+  ASSERT_EQ(mkdir(longest.c_str(), 0755), 0);
+  UINT n = GetTempFileNameA(longest.c_str(), "TFR", 0, name);
+  EXPECT_NE(n, 0u);
+  EXPECT_EQ(strlen(name), MAX_PATH - 1);
+  memset(name, '#', sizeof name);
+  EXPECT_EQ(GetTempFileNameA((longest + "m").c_str(), "TFR", 0, name), 0u);
+  EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
+  EXPECT_EQ(name[0], '#');
+
+  EXPECT_EQ(GetTempFileNameA((dir / "none").c_str(), "TFR", 0, name), 0u);
+  EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+  EXPECT_EQ(GetTempFileNameA(nullptr, "TFR", 0, name), 0u);
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  {
+    FaultScope fault(QZ_FAULT_TEMP_FILE_NAME);
+    EXPECT_EQ(GetTempFileNameA(dir.path().c_str(), "TFR", 0, name), 0u);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+  }
+}
+
+}  // namespace
