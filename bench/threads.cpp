@@ -132,7 +132,7 @@ void BM_StdPost(benchmark::State& state) {
 void BM_QzSend(benchmark::State& state) {
   Nop nop;
   QzThreadWithEventQueue* q = QzThreadWithEventQueue::Start(0, 0, 0);
-  for (auto _ : state) benchmark::DoNotOptimize(q->SendEvent(&nop, INFINITE));
+  for (auto _ : state) benchmark::DoNotOptimize(q->SendEvent(&nop, 0xFFFFFFFFu));
   QzThreadWithEventQueue::Stop(q, 1000);
 }
 void BM_StdSend(benchmark::State& state) {
