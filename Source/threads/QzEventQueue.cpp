@@ -38,6 +38,8 @@ QzEventQueue* QzEventQueue::Create(QzThreadWithEventQueue* owner) {
   queue->condition_ = nullptr;
   queue->pending_.next = queue->pending_.previous = &queue->pending_;
   queue->closed_ = false;
+  queue->spare_ = nullptr;
+  queue->spareCount_ = 0;
   try {
     Qz_InitializeCriticalSection(&queue->lock_);
   } catch (const QzException&) {
@@ -56,6 +58,11 @@ QzEventQueue* QzEventQueue::Create(QzThreadWithEventQueue* owner) {
 
 void QzEventQueue::Destroy(QzEventQueue* queue) {
   if (queue == nullptr) return;
+  for (QzEventLinks* link = queue->spare_; link != nullptr;) {
+    QzEventLinks* next = link->next;
+    Qz_MempoolFree(nullptr, link);
+    link = next;
+  }
   queue->condition_->~QzThreadCondition();
   Qz_MempoolFree(nullptr, queue->condition_);
   DeleteCriticalSection(Section(&queue->lock_));
@@ -68,8 +75,15 @@ unsigned QzEventQueue::Post(IQzEvent* const* events, unsigned count, bool* close
   *closed = closed_;
   for (unsigned i = 0; i < count && !closed_; ++i) {
     if (events[i] == nullptr) continue;
-    auto* element = static_cast<QzEventElement*>(Qz_MempoolAlloc(nullptr, sizeof(QzEventElement)));
-    if (element == nullptr) continue;
+    QzEventElement* element;
+    if (spare_ != nullptr) {
+      element = reinterpret_cast<QzEventElement*>(spare_);
+      spare_ = spare_->next;
+      --spareCount_;
+    } else {
+      element = static_cast<QzEventElement*>(Qz_MempoolAlloc(nullptr, sizeof(QzEventElement)));
+      if (element == nullptr) continue;
+    }
     element->event = events[i];
     element->links.previous = pending_.previous;
     element->links.next = &pending_;
@@ -108,16 +122,37 @@ void QzEventQueue::ReleasePending() {
   pending_.next = pending_.previous = &pending_;
   LeaveCriticalSection(Section(&lock_));
   if (left.next == &pending_) return;
+  left.next->previous = &left;
   left.previous->next = &left;
-  for (QzEventLinks* link = left.next; link != &left;) {
-    auto* element = reinterpret_cast<QzEventElement*>(link);
-    link = link->next;
-    element->event->Release();
-    Free(element);
-  }
+  for (QzEventLinks* link = left.next; link != &left; link = link->next)
+    reinterpret_cast<QzEventElement*>(link)->event->Release();
+  FreeAll(&left);
 }
 
-void QzEventQueue::Free(QzEventElement* element) { Qz_MempoolFree(nullptr, element); }
+void QzEventQueue::FreeAll(QzEventLinks* list) {
+  for (QzEventLinks* link = list->next; link != list;) {
+    QzEventLinks* next = link->next;
+    Qz_MempoolFree(nullptr, link);
+    link = next;
+  }
+  list->next = list->previous = list;
+}
+
+void QzEventQueue::Recycle(QzEventLinks* batch, unsigned count) {
+  // Enough spares for a busy batch; a burst beyond that goes back to the pool.
+  constexpr unsigned kMostSpares = 1024;
+  if (count == 0) return;
+  EnterCriticalSection(Section(&lock_));
+  const bool keep = spareCount_ + count <= kMostSpares;
+  if (keep) {
+    batch->previous->next = spare_;
+    spare_ = batch->next;
+    spareCount_ += count;
+  }
+  LeaveCriticalSection(Section(&lock_));
+  if (keep) batch->next = batch->previous = batch;
+  else FreeAll(batch);
+}
 
 // ---- The record of a send --------------------------------------------------------
 QzEventSync::QzEventSync(IQzEvent* event, QzEventQueue* queue)
@@ -205,13 +240,13 @@ unsigned int QzThreadWithEventQueue::Run() {
   while (m_queue != nullptr && m_runFlag.load(std::memory_order_relaxed) != 0) {
     QzEventLinks batch;
     m_queue->TakeAll(&batch);
-    for (QzEventLinks* link = batch.next; link != &batch;) {
-      auto* element = reinterpret_cast<QzEventElement*>(link);
-      link = link->next;
-      (void)element->event->Execute();
-      element->event->Release();
-      QzEventQueue::Free(element);
+    unsigned count = 0;
+    for (QzEventLinks* link = batch.next; link != &batch; link = link->next, ++count) {
+      IQzEvent* event = reinterpret_cast<QzEventElement*>(link)->event;
+      (void)event->Execute();
+      event->Release();
     }
+    m_queue->Recycle(&batch, count);
   }
   if (m_queue != nullptr) m_queue->ReleasePending();
   return 0;

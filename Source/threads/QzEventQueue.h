@@ -43,14 +43,20 @@ class QzEventQueue {
   // (the loop has ended).
   void ReleasePending();
 
-  static void Free(QzEventElement* element);
+  // Gives the elements of a batch that has run back to the queue, with one
+  // hold of the lock, so that posts reuse them instead of going to the pool.
+  void Recycle(QzEventLinks* batch, unsigned count);
 
  private:
+  static void FreeAll(QzEventLinks* list);
+
   QzThreadWithEventQueue* owner_;
   QzThreadCondition* condition_;
   QzCriticalSection lock_;
   QzEventLinks pending_;
-  bool closed_;  // under the lock
+  bool closed_;        // under the lock
+  QzEventLinks* spare_;  // elements to reuse, linked through next; under the lock
+  unsigned spareCount_;
 };
 
 // Carries one SendEvent through the queue. The sender waits on the wake
