@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "QzTestFaults.h"
 #include "QzTestSupport.h"
 #include "platform/posix/Handles.h"
 #include "threads/QzEventQueue.h"
@@ -259,10 +260,11 @@ TEST(EventQueue, StopKillsAHandlerStuckForEver) {
   QzThreadWithEventQueue* q = QzThreadWithEventQueue::Start(0, 0, 0);
   ASSERT_NE(q, nullptr);
   Gate gate;
-  ASSERT_EQ(q->PostEvent(new CountedEvent(&ledger, 1, [&] {
-              gate.inside = 1;
-              return static_cast<HRESULT>(NeverReturns());
-            })), S_OK);
+  CountedEvent* stuck = new CountedEvent(&ledger, 1, [&] {
+    gate.inside = 1;
+    return static_cast<HRESULT>(NeverReturns());
+  });
+  ASSERT_EQ(q->PostEvent(stuck), S_OK);
   gate.WaitInside();
   auto began = Clock::now();
   QzThreadWithEventQueue::Stop(q, 50);
@@ -273,6 +275,7 @@ TEST(EventQueue, StopKillsAHandlerStuckForEver) {
   EXPECT_EQ(Lines(log, kPostRefused), 1u);  // the second attempt's post
   EXPECT_EQ(Lines(log, kKill), 1u);
   EXPECT_EQ(ledger.released.load(), 0);  // a killed handler's event is lost with it
+  delete stuck;
 }
 
 // A handler that faults ends the thread through its guard: later posts are
@@ -286,10 +289,11 @@ TEST(EventQueue, AFaultingHandlerEndsTheThreadAndStopFindsItGone) {
   QzThreadWithEventQueue* q = QzThreadWithEventQueue::Start(0, 0, 0);
   ASSERT_NE(q, nullptr);
   q->SetExceptHandler(QzThread::Procedure([]() -> unsigned { return ++*s_handled; }));
-  ASSERT_EQ(q->PostEvent(new CountedEvent(&ledger, 1, [] {
-              *static_cast<volatile int*>(nullptr) = 1;
-              return S_OK;
-            })), S_OK);
+  CountedEvent* faulting = new CountedEvent(&ledger, 1, [] {
+    qztest::FaultAccess();
+    return S_OK;
+  });
+  ASSERT_EQ(q->PostEvent(faulting), S_OK);
   ASSERT_EQ(q->WaitForExit(5000), 1);
   EXPECT_EQ(handled.load(), 1);
   EXPECT_EQ(ledger.released.load(), 0);  // the batch was left where it faulted
@@ -301,6 +305,7 @@ TEST(EventQueue, AFaultingHandlerEndsTheThreadAndStopFindsItGone) {
   EXPECT_EQ(Lines(log, kKill), 0u);
   EXPECT_EQ(ledger.executed.load(), 1);
   delete never;  // still pending when the object went: nobody released it
+  delete faulting;
 }
 
 }  // namespace

@@ -11,7 +11,11 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
+#include "QzTestFaults.h"
 #include "QzTestSupport.h"
 #include "platform/posix/Handles.h"
 
@@ -158,7 +162,15 @@ TEST(PlatformThread, TerminateStopsBlockedSpinningAndSuspendedThreads) {
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
   Probe never;
-  HANDLE suspendedForever = Begin(&ReturnResult, &never);
+  // The thread killed in its wait keeps its reference to this object for
+  // good: a kill loses what the thread held.
+  HANDLE suspendedForever;
+  {
+#if defined(__SANITIZE_ADDRESS__)
+    __lsan::ScopedDisabler knownLoss;
+#endif
+    suspendedForever = Begin(&ReturnResult, &never);
+  }
   struct Case { const char* name; QzThreadStartRoutine fn; } cases[] = {
       {"blocked in a system call", &BlockInRead},
       {"blocked in a wait", &BlockInWait},
@@ -203,6 +215,8 @@ TEST(PlatformThread, TerminateStopsBlockedSpinningAndSuspendedThreads) {
   EXPECT_TRUE(TerminateThread(h, 9));
   EXPECT_EQ(ExitCode(h), 3u);
   CloseHandle(h);
+  ResumeThread(suspendedForever);
+  EXPECT_EQ(WaitForSingleObject(suspendedForever, INFINITE), WAIT_OBJECT_0);
   CloseHandle(suspendedForever);
   close(fds[0]);
   close(fds[1]);
@@ -293,15 +307,15 @@ TEST(PlatformTimer, CapsPeriodsAndClock) {
 }
 
 // ---- The fault guard that thread entries run under ------------------------------
-volatile int g_zero = 0;
-void Segv(void*) { *static_cast<volatile int*>(nullptr) = 1; }
-void DivideByZero(void*) { g_zero = 10 / g_zero; }
-void Illegal(void*) { __builtin_trap(); }
+void Segv(void*) { qztest::FaultAccess(); }
+void DivideByZero(void*) { (void)qztest::FaultDivide(); }
+void Illegal(void*) { qztest::FaultIllegal(); }
 void Fine(void* p) { *static_cast<int*>(p) = 1; }
 void Throw(void*) { throw 42; }
 void ProbeThenFault(void* p) {
   // A probe inside the guarded call must leave the outer guard in place.
-  EXPECT_FALSE(QzGuardedProbe([](volatile void* a) { (void)*static_cast<volatile char*>(a); }, nullptr));
+  EXPECT_FALSE(QzGuardedProbe([](volatile void* a) { (void)*static_cast<volatile char*>(a); },
+                              reinterpret_cast<volatile void*>(uintptr_t(8))));
   *static_cast<int*>(p) = 1;
   Segv(nullptr);
 }

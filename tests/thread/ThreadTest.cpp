@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "QzTestFaults.h"
 #include "QzTestSupport.h"
 #include "pools/QzMempool.h"
 
@@ -29,17 +30,16 @@ std::atomic<int> g_calls{0};
 std::atomic<int> g_handlerCalls{0};
 std::atomic<int> g_release{0};
 std::atomic<DWORD> g_seenId{0};
-volatile int g_zero = 0;
 
 unsigned Count() { g_seenId = GetCurrentThreadId(); ++g_calls; return 5; }
-unsigned Segv() { ++g_calls; *static_cast<volatile int*>(nullptr) = 1; return 0; }
-unsigned DivideByZero() { ++g_calls; g_zero = 10 / g_zero; return 0; }
-unsigned Illegal() { ++g_calls; __builtin_trap(); }
+unsigned Segv() { ++g_calls; qztest::FaultAccess(); return 0; }
+unsigned DivideByZero() { ++g_calls; return unsigned(qztest::FaultDivide()); }
+unsigned Illegal() { ++g_calls; qztest::FaultIllegal(); return 0; }
 unsigned ThrowInt() { ++g_calls; throw 7; }
 unsigned ThrowStd() { ++g_calls; throw std::runtime_error("x"); }
 unsigned Handler() { ++g_handlerCalls; return 0; }
 unsigned HandlerThrows() { ++g_handlerCalls; throw 1; }
-unsigned HandlerFaults() { ++g_handlerCalls; *static_cast<volatile int*>(nullptr) = 1; return 0; }
+unsigned HandlerFaults() { ++g_handlerCalls; qztest::FaultAccess(); return 0; }
 unsigned WaitForRelease() {
   g_seenId = GetCurrentThreadId();
   ++g_calls;

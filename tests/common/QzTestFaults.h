@@ -1,0 +1,26 @@
+// Processor faults on purpose, written so that the undefined-behaviour
+// sanitizer does not catch them first: the fault must reach the guard.
+#ifndef QZBASE_TESTS_QZTESTFAULTS_H
+#define QZBASE_TESTS_QZTESTFAULTS_H
+
+#include <stdint.h>
+
+namespace qztest {
+
+// A store to the first page, which is never mapped (not a null pointer to
+// the sanitizer, and a byte, so no alignment check either).
+inline void FaultAccess() { *reinterpret_cast<volatile char*>(static_cast<uintptr_t>(8)) = 1; }
+
+// An integer division by zero done by the processor itself.
+inline int FaultDivide() {
+  int quotient, dividend = 10, divisor = 0;
+  __asm__ volatile("cltd\n\tidivl %2" : "=a"(quotient) : "a"(dividend), "r"(divisor) : "edx", "cc");
+  return quotient;
+}
+
+// An illegal instruction.
+inline void FaultIllegal() { __asm__ volatile("ud2"); }
+
+}  // namespace qztest
+
+#endif  // QZBASE_TESTS_QZTESTFAULTS_H
