@@ -9,7 +9,10 @@ namespace qztest {
 
 // A store to the first page, which is never mapped (not a null pointer to
 // the sanitizer, and a byte, so no alignment check either).
-inline void FaultAccess() { *reinterpret_cast<volatile char*>(static_cast<uintptr_t>(8)) = 1; }
+inline void FaultAccess() {
+  volatile uintptr_t address = 8;  // hidden from the compiler's bounds checks
+  *reinterpret_cast<volatile char*>(address) = 1;
+}
 
 // An integer division by zero done by the processor itself.
 inline int FaultDivide() {
