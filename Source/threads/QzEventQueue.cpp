@@ -13,9 +13,6 @@ using namespace qzsys;
 
 namespace {
 
-// A QzCriticalSection is the system record and nothing else.
-CRITICAL_SECTION* Section(QzCriticalSection* lock) { return reinterpret_cast<CRITICAL_SECTION*>(lock); }
-
 void LogError(const char* line) { QZ_LOG_WRITE_STRING(QZ_LOG_ERROR, QzStringT<char>(line)); }
 
 unsigned int DoNothing() { return 0; }
@@ -48,11 +45,18 @@ QzEventQueue* QzEventQueue::Create(QzThreadWithEventQueue* owner) {
   }
   void* condition = Qz_MempoolAlloc(nullptr, sizeof(QzThreadCondition));
   if (condition == nullptr) {
-    DeleteCriticalSection(Section(&queue->lock_));
+    Qz_DeleteCriticalSection(&queue->lock_);
     Qz_MempoolFree(nullptr, memory);
     return nullptr;
   }
-  queue->condition_ = new (condition) QzThreadCondition(&queue->lock_);
+  try {
+    queue->condition_ = new (condition) QzThreadCondition(&queue->lock_);
+  } catch (const QzException&) {  // its inner lock could not be made
+    Qz_MempoolFree(nullptr, condition);
+    Qz_DeleteCriticalSection(&queue->lock_);
+    Qz_MempoolFree(nullptr, memory);
+    return nullptr;
+  }
   return queue;
 }
 
@@ -65,13 +69,13 @@ void QzEventQueue::Destroy(QzEventQueue* queue) {
   }
   queue->condition_->~QzThreadCondition();
   Qz_MempoolFree(nullptr, queue->condition_);
-  DeleteCriticalSection(Section(&queue->lock_));
+  Qz_DeleteCriticalSection(&queue->lock_);
   Qz_MempoolFree(nullptr, queue);
 }
 
 unsigned QzEventQueue::Post(IQzEvent* const* events, unsigned count, bool* closed) {
   unsigned queued = 0;
-  EnterCriticalSection(Section(&lock_));
+  Qz_EnterCriticalSection(&lock_);
   *closed = closed_;
   for (unsigned i = 0; i < count && !closed_; ++i) {
     if (events[i] == nullptr) continue;
@@ -91,7 +95,7 @@ unsigned QzEventQueue::Post(IQzEvent* const* events, unsigned count, bool* close
     pending_.previous = &element->links;
     ++queued;
   }
-  LeaveCriticalSection(Section(&lock_));
+  Qz_LeaveCriticalSection(&lock_);
   // After the lock: the queue thread counts itself as a waiter before it
   // gives up the lock, so the signal cannot be lost.
   if (queued != 0) (void)condition_->Signal();
@@ -100,7 +104,7 @@ unsigned QzEventQueue::Post(IQzEvent* const* events, unsigned count, bool* close
 
 void QzEventQueue::TakeAll(QzEventLinks* batch) {
   batch->next = batch->previous = batch;
-  EnterCriticalSection(Section(&lock_));
+  Qz_EnterCriticalSection(&lock_);
   if (Empty(&pending_) && FAILED(condition_->Wait(INFINITE)))
     LogError("QzEventQueue::PopOrWaitPendingEvents: Wait pending events failed");
   if (!Empty(&pending_)) {
@@ -110,17 +114,17 @@ void QzEventQueue::TakeAll(QzEventLinks* batch) {
     batch->previous->next = batch;
     pending_.next = pending_.previous = &pending_;
   }
-  LeaveCriticalSection(Section(&lock_));
+  Qz_LeaveCriticalSection(&lock_);
 }
 
 void QzEventQueue::ReleasePending() {
   QzEventLinks left;
-  EnterCriticalSection(Section(&lock_));
+  Qz_EnterCriticalSection(&lock_);
   closed_ = true;
   left.next = pending_.next;
   left.previous = pending_.previous;
   pending_.next = pending_.previous = &pending_;
-  LeaveCriticalSection(Section(&lock_));
+  Qz_LeaveCriticalSection(&lock_);
   if (left.next == &pending_) return;
   left.next->previous = &left;
   left.previous->next = &left;
@@ -142,14 +146,14 @@ void QzEventQueue::Recycle(QzEventLinks* batch, unsigned count) {
   // Enough spares for a busy batch; a burst beyond that goes back to the pool.
   constexpr unsigned kMostSpares = 1024;
   if (count == 0) return;
-  EnterCriticalSection(Section(&lock_));
+  Qz_EnterCriticalSection(&lock_);
   const bool keep = spareCount_ + count <= kMostSpares;
   if (keep) {
     batch->previous->next = spare_;
     spare_ = batch->next;
     spareCount_ += count;
   }
-  LeaveCriticalSection(Section(&lock_));
+  Qz_LeaveCriticalSection(&lock_);
   if (keep) batch->next = batch->previous = batch;
   else FreeAll(batch);
 }

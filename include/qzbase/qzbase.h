@@ -13,6 +13,7 @@
 #include <qzbase/QzDebug.h>
 #include <qzbase/QzFile.h>
 #include <qzbase/QzLog.h>
+#include <qzbase/QzSyncObject.h>
 #include <qzbase/QzDelegate.h>
 #include <qzbase/QzThread.h>
 #include <qzbase/QzEventQueue.h>

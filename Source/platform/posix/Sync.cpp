@@ -81,7 +81,9 @@ bool DeadlinePassed(bool infinite, Clock::time_point deadline) {
 // ---- Events ---------------------------------------------------------------------------
 
 // State lives under a small internal lock that is held only to test and change
-// it, never across a sleep. The futex word mirrors it: the low bit is the
+// it, never across a sleep, so a waiter can only die holding it if it is
+// killed in the middle of those few instructions (which no TerminateThread
+// makes safe on Windows either). The futex word mirrors the state: the low bit is the
 // signalled state, the rest the low bits of `epoch`, which counts SetEvent and
 // PulseEvent calls that found the event not signalled.
 //
@@ -137,6 +139,7 @@ class Event final : public QzKernelObject {
       signalled_ = true;
       ++epoch_;
       PublishLocked();
+      if (waiting_ == 0) return;
     }
     // An auto-reset event lets one waiter through; should a thread that was
     // not asleep take the state first, the woken one just sleeps again.
@@ -163,6 +166,7 @@ class Event final : public QzKernelObject {
         ticket_[tickets_++] = epoch_;
       }
       PublishLocked();
+      if (waiting_ == 0) return;
     }
     // Every sleeper looks: for auto reset only one that entered before this
     // pulse can take its ticket, and the futex queue cannot tell which those are.
@@ -205,7 +209,9 @@ class Event final : public QzKernelObject {
   const bool manual_;
   bool signalled_;
   uint64_t epoch_ = 0;
-  unsigned waiting_ = 0;  // threads inside Wait (a hint only: a killed waiter never leaves)
+  // Threads inside Wait. A killed waiter is never taken off, which costs only
+  // needless wake-ups (and keeps dead tickets a little longer).
+  unsigned waiting_ = 0;
   unsigned tickets_ = 0;
   uint64_t ticket_[kMaxTickets];
 };
@@ -213,7 +219,12 @@ class Event final : public QzKernelObject {
 // ---- Semaphores -----------------------------------------------------------------------
 
 // No lock at all: the count is the futex word, taken and given by atomic
-// exchange, so a thread may vanish at any instruction without harm.
+// exchange, so a thread may vanish at any instruction without harm. A release
+// makes the wake-up call only when someone may sleep: a sleeper counts itself
+// before the kernel reads the count, and the releaser reads the number of
+// sleepers after it has added to the count (both sequentially consistent), so
+// either the releaser sees the sleeper or the sleeper sees the count. A killed
+// sleeper stays counted, which costs only needless wake-ups.
 class Semaphore final : public QzKernelObject {
  public:
   Semaphore(LONG initial, LONG maximum)
@@ -222,7 +233,7 @@ class Semaphore final : public QzKernelObject {
 
   DWORD Wait(bool infinite, Clock::time_point deadline) override {
     if (TryTake()) return WAIT_OBJECT_0;
-    waiting_.fetch_add(1, std::memory_order_relaxed);
+    waiting_.fetch_add(1, std::memory_order_seq_cst);
     DWORD result = WAIT_TIMEOUT;
     bool inTime = true;
     for (;;) {
@@ -243,9 +254,9 @@ class Semaphore final : public QzKernelObject {
     uint32_t now = count_.load(std::memory_order_relaxed);
     do {
       if (static_cast<uint32_t>(count) > maximum_ - now) return -1;
-    } while (!count_.compare_exchange_weak(now, now + static_cast<uint32_t>(count), std::memory_order_release,
+    } while (!count_.compare_exchange_weak(now, now + static_cast<uint32_t>(count), std::memory_order_seq_cst,
                                            std::memory_order_relaxed));
-    FutexWake(&count_, count);
+    if (waiting_.load(std::memory_order_seq_cst) != 0) FutexWake(&count_, count);
     return static_cast<LONG>(now);
   }
 
@@ -264,7 +275,7 @@ class Semaphore final : public QzKernelObject {
 
   std::atomic<uint32_t> count_;
   const uint32_t maximum_;
-  std::atomic<LONG> waiting_{0};  // a hint for tests, as for events
+  std::atomic<LONG> waiting_{0};  // threads in the sleeping part of Wait
 };
 
 HANDLE Register(QzKernelObject* object) {
