@@ -21,6 +21,14 @@ inline int FaultDivide() {
   return quotient;
 }
 
+// ThreadSanitizer holds an asynchronous signal back until the thread makes a
+// call it watches, so a thread spinning in plain code cannot be killed there.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kSpinningThreadsIgnoreKills = true;
+#else
+constexpr bool kSpinningThreadsIgnoreKills = false;
+#endif
+
 // An illegal instruction.
 inline void FaultIllegal() { __asm__ volatile("ud2"); }
 

@@ -23,11 +23,6 @@ using namespace qzsys;
 
 namespace {
 
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kTsan = true;
-#else
-constexpr bool kTsan = false;
-#endif
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr bool kReaps = false;  // the sanitizers cannot join a killed thread
 #else
@@ -178,7 +173,7 @@ TEST(PlatformThread, TerminateStopsBlockedSpinningAndSuspendedThreads) {
       {"suspended", &ReturnResult},
   };
   for (const Case& c : cases) {
-    if (kTsan && c.fn == &Spin) continue;  // the sanitizer holds signals back until a call it watches
+    if (qztest::kSpinningThreadsIgnoreKills && c.fn == &Spin) continue;
     Probe probe;
     probe.readFd = fds[0];
     probe.waitOn = suspendedForever;

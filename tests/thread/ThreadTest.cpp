@@ -20,11 +20,6 @@ using Procedure = QzThread::Procedure;
 
 namespace {
 
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kTsan = true;
-#else
-constexpr bool kTsan = false;
-#endif
 
 std::atomic<int> g_calls{0};
 std::atomic<int> g_handlerCalls{0};
@@ -153,7 +148,7 @@ TEST(Thread, TerminateKillsABlockedOrSpinningThreadAndWarnsAlways) {
   EXPECT_NE(log.joined().find("Warning: !!!QzThread::Terminate: Thread will be killed by force!!!\n"), std::string::npos);
   EXPECT_EQ(log.texts().size(), 1u);
   for (Procedure::Function fn : {&Sleep, &Spin}) {
-    if (kTsan && fn == &Spin) continue;  // the sanitizer holds signals back until a call it watches
+    if (qztest::kSpinningThreadsIgnoreKills && fn == &Spin) continue;
     Reset();
     log.clear();
     QzThread* t = QzThread::Start(Procedure(fn), 0, 0, 0);
