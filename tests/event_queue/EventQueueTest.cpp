@@ -183,8 +183,8 @@ TEST(EventQueue, SendsFromTheQueueThreadRunAtOnceAndTimedOutSendsStillRunOnce) {
   gate.open = 1;
   EXPECT_EQ(q->SendEvent(new CountedEvent(&ledger, 7), INFINITE), 7);
   EXPECT_EQ(ledger.executed.load(), 6);
-  EXPECT_EQ(ledger.released.load(), 6);
   QzThreadWithEventQueue::Stop(q, 1000);
+  EXPECT_EQ(ledger.released.load(), 6);
   EXPECT_EQ(QzHandleCount(), handles);  // every record's wake event is closed
 }
 
@@ -244,8 +244,8 @@ TEST(EventQueue, NoMemoryLeavesTheEventWithTheCaller) {
     delete three[2];
   }
   EXPECT_EQ(q->SendEvent(mine, INFINITE), 1);
+  QzThreadWithEventQueue::Stop(q, 1000);  // the sender wakes before the queue thread releases
   EXPECT_EQ(ledger.released.load(), 2);
-  QzThreadWithEventQueue::Stop(q, 1000);
 }
 
 unsigned int NeverReturns() {
