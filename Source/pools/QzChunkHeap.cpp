@@ -450,7 +450,7 @@ static void FreeLocked(QzHeap* heap, QzChunk* p) {
     // Directly mapped: the region goes back whole.
     const size_t lead = p->footWord;
     const size_t length = s + lead + QZ_DIRECT_FOOT;
-    if (QzReleaseRegion(Addr(p) - lead, length)) heap->footprint -= length;
+    if (QzReleaseRegion(Addr(p) - lead, length)) QzChangeFootprint(heap, length, false);
     return;
   }
   // Checked before anything changes, so a dropped request leaves no trace.

@@ -19,6 +19,7 @@
 #include <qzbase/QzEventQueue.h>
 #include <qzbase/QzTimeValue.h>
 #include <qzbase/QzTimer.h>
+#include <qzbase/QzRandom.h>
 // QZ_PUBLIC_HEADERS_END
 
 #endif  // QZBASE_QZBASE_H

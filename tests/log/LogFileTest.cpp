@@ -54,7 +54,7 @@ class LogFiles : public ::testing::Test {
   std::string dir_;
 };
 
-TEST(Log, DISABLED_PrefixCarriesLocalTimeProcessAndThread) {
+TEST(Log, PrefixCarriesLocalTimeProcessAndThread) {
   DebugCapture capture;
   const time_t before = time(nullptr);
   QZ_LOG_WRITE_A(QZ_LOG_INFO, "x");
@@ -139,7 +139,7 @@ TEST_F(LogFiles, PathsThatCannotBeOpenedLeaveTheLogOnDebugOutputWithTheOldFileCl
   EXPECT_EQ(stat(Path("missing").c_str(), &st), -1);
 }
 
-TEST_F(LogFiles, DISABLED_EveryFailureWhileCreatingEndsWithNoFileAndNothingHeld) {
+TEST_F(LogFiles, EveryFailureWhileCreatingEndsWithNoFileAndNothingHeld) {
   const std::string path = Path("d.log");
   const struct { qzsys::QzFault fault; unsigned skip; const char* what; } rows[] = {
       {qzsys::QZ_FAULT_CREATE_FILE, 0, "open"},

@@ -8,11 +8,7 @@
 #include <thread>
 
 using namespace qzfiletest;
-using qztest::Exists;
-using qztest::FaultScope;
-using qztest::ReadAll;
-using qztest::TempFolder;
-using qztest::WriteAll;
+using namespace qztest;
 
 namespace {
 
@@ -147,32 +143,13 @@ TEST(PlatformFileNames, MoveAcrossFileSystemsCopiesThenRemoves) {
   EXPECT_TRUE(DeleteFileA(other.c_str()));
 }
 
-// Sets or clears TMPDIR for one scope.
-class TmpDirScope {
- public:
-  explicit TmpDirScope(const char* value) {
-    const char* old = getenv("TMPDIR");
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    if (value != nullptr) setenv("TMPDIR", value, 1);
-    else unsetenv("TMPDIR");
-  }
-  ~TmpDirScope() {
-    if (had_) setenv("TMPDIR", old_.c_str(), 1);
-    else unsetenv("TMPDIR");
-  }
- private:
-  bool had_;
-  std::string old_;
-};
-
 TEST(PlatformFileTemp, TempPathEndsInOneSeparatorAndReportsTheSizeItNeeds) {
   const struct {
     const char* tmpdir;
     const char* expected;
   } rows[] = {{nullptr, "/tmp/"}, {"", "/tmp/"}, {"/var/x", "/var/x/"}, {"/var/x/", "/var/x/"}, {"/", "/"}};
   for (const auto& r : rows) {
-    TmpDirScope scope(r.tmpdir);
+    EnvScope scope("TMPDIR", r.tmpdir);
     char buffer[MAX_PATH];
     DWORD n = GetTempPathA(MAX_PATH, buffer);
     EXPECT_EQ(n, strlen(r.expected));
