@@ -155,8 +155,10 @@ class QzThreadCondition {
 
   // Releases the external lock, which the caller holds, sleeps until
   // signalled or until `milliseconds` pass, and takes the lock again; the
-  // caller holds it on return whatever the result. 0 when woken; the
-  // semaphore's failure otherwise (0x800705B4 on a time-out).
+  // caller holds it on return whatever the result. The caller must have
+  // entered it once only: Wait leaves it once, and a section entered twice
+  // would stay held while the caller sleeps. 0 when woken; the semaphore's
+  // failure otherwise (0x800705B4 on a time-out).
   QZ_API HRESULT Wait(DWORD milliseconds);
   // Wakes one waiter, if there is one. 0, or the release's failure.
   QZ_API HRESULT Signal();

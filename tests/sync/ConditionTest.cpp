@@ -96,25 +96,6 @@ TEST_F(Fixture, BroadcastReturnsOnceAllWaitersLeftTheSemaphoreAndTheyThenTakeThe
   EXPECT_EQ(returned, 3);
 }
 
-TEST_F(Fixture, ASignalWakesOneOfSeveralAndTheOthersKeepWaiting) {
-  StartWaiters(3);
-  EXPECT_EQ(condition->Signal(), S_OK);
-  for (;;) {
-    Qz_EnterCriticalSection(&lock);
-    const int n = returned;
-    Qz_LeaveCriticalSection(&lock);
-    if (n == 1) break;
-    std::this_thread::yield();
-  }
-  AwaitSleepers(2);
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  Qz_EnterCriticalSection(&lock);
-  EXPECT_EQ(returned, 1);
-  Qz_LeaveCriticalSection(&lock);
-  EXPECT_EQ(condition->Broadcast(), S_OK);
-  Join();
-}
-
 TEST_F(Fixture, AWorkQueueUnderSignalsBroadcastsAndTimeOutsLosesAndRepeatsNothing) {
   std::deque<int> queue;
   bool stop = false;
