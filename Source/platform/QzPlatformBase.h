@@ -64,8 +64,11 @@ bool QzProbeWrite(volatile void* address);
 // and put back in first place by any later call that finds a host's handler
 // in its place; every signal that is not a fault inside a guarded call goes
 // on to the handler it replaced, so a host's handler still sees its signals
-// (once, also when it chains to the handler it replaced).
-bool QzGuardedCall(void (*fn)(void*), void* context);
+// (once, also when it chains to the handler it replaced). A caught fault
+// skips the rest of fn with no C++ destructor run for its frames; a C++
+// exception leaving fn passes on to the caller with the guard removed.
+typedef void (*QzGuardedFn)(void* context);
+bool QzGuardedCall(QzGuardedFn fn, void* context);
 // The same for a probe function of one address.
 typedef void (*QzProbeFn)(volatile void* address);
 bool QzGuardedProbe(QzProbeFn probe, volatile void* address);
@@ -73,6 +76,7 @@ bool QzGuardedProbe(QzProbeFn probe, volatile void* address);
 // still in place (a host's handler installed since stays). Detach calls it,
 // so no handler points into an unloaded library.
 void QzGuardRelease();
+
 
 }  // namespace qzsys
 

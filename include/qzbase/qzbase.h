@@ -14,6 +14,11 @@
 #include <qzbase/QzFile.h>
 #include <qzbase/QzLog.h>
 #include <qzbase/QzSyncObject.h>
+#include <qzbase/QzDelegate.h>
+#include <qzbase/QzThread.h>
+#include <qzbase/QzEventQueue.h>
+#include <qzbase/QzTimeValue.h>
+#include <qzbase/QzTimer.h>
 #include <qzbase/QzRandom.h>
 // QZ_PUBLIC_HEADERS_END
 

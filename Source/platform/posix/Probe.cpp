@@ -189,7 +189,15 @@ bool Guarded(void (*fn)(void*), void* context) {
   }
   t_guardJump = &jump;
   std::atomic_signal_fence(std::memory_order_seq_cst);
-  fn(context);
+  try {
+    fn(context);
+  } catch (...) {
+    // A C++ exception (or a thread's forced unwinding) is the caller's to
+    // handle, with this guard gone: its jump buffer dies with this frame.
+    t_guardJump = outer;
+    if (restore) pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    throw;
+  }
   std::atomic_signal_fence(std::memory_order_seq_cst);
   t_guardJump = outer;
   if (restore) pthread_sigmask(SIG_SETMASK, &saved, nullptr);
