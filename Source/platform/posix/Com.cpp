@@ -272,30 +272,35 @@ inline unsigned Encode(const text::PageTable* t, uint32_t cp, unsigned char* out
   }
 }
 
+// Bytes that Encode<K> gives for cp, without writing them.
+template <NativeKind K>
+inline unsigned EncodedLength(const text::PageTable* t, uint32_t cp) {
+  if (K == kUtf8Page) return cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
+  if (K == kUtf16LE || K == kUtf16BE) return cp < 0x10000 ? 2 : 4;
+  if (K == kUtf32LE || K == kUtf32BE) return 4;
+  return cp < 0x10000 && t->encode[cp] >= 0x100 ? 2 : 1;
+}
+
 // Converts in[0..inLen) (whole units of the source) into `out`, or counts the
-// bytes when out is null. A destination that fills up keeps the whole
-// characters that fit: *consumed and *written say how far it got.
-template <NativeKind From, NativeKind To>
-HRESULT NativeRun(const text::PageTable* ft, const text::PageTable* tt, const unsigned char* in, size_t inLen,
-                  unsigned char* out, size_t cap, size_t* consumed, size_t* written) {
+// bytes (Measure). A destination that fills up keeps the whole characters
+// that fit: *consumed and the result say how far it got.
+template <NativeKind From, NativeKind To, bool Measure>
+size_t NativeLoop(const text::PageTable* ft, const text::PageTable* tt, const unsigned char* in, size_t inLen,
+                  unsigned char* out, size_t cap, size_t* consumed) {
   size_t i = 0, n = 0;
   unsigned char bytes[4];
-  HRESULT hr = S_OK;
+  constexpr bool kByteFrom = From == kUtf8Page || From == kTablePage;
+  constexpr bool kByteTo = To == kUtf8Page || To == kTablePage;
   while (i < inLen) {
     // ASCII, the common case, without the general decoder and encoder.
-    constexpr bool kByteFrom = From == kUtf8Page || From == kTablePage;
-    constexpr bool kByteTo = To == kUtf8Page || To == kTablePage;
     if ((kByteFrom && (kByteTo || To == kUtf16LE)) || (From == kUtf16LE && kByteTo)) {
       const unsigned b = in[i];
       const unsigned step = From == kUtf16LE ? 2 : 1;
       if (b < 0x80 && (From != kUtf16LE || in[i + 1] == 0) && (From != kTablePage || ft->single[b] == b) &&
           (To != kTablePage || tt->encode[b] == b)) {
         const unsigned k = To == kUtf16LE ? 2 : 1;
-        if (out) {
-          if (cap - n < k) {
-            hr = QZ_E_INSUFFICIENT_BUFFER;
-            break;
-          }
+        if (!Measure) {
+          if (cap - n < k) break;
           out[n] = static_cast<unsigned char>(b);
           if (k == 2) out[n + 1] = 0;
         }
@@ -305,21 +310,29 @@ HRESULT NativeRun(const text::PageTable* ft, const text::PageTable* tt, const un
       }
     }
     uint32_t cp;
-    unsigned len = Decode<From>(ft, in + i, inLen - i, &cp);
-    unsigned k = Encode<To>(tt, cp, bytes);
-    if (out) {
-      if (cap - n < k) {
-        hr = QZ_E_INSUFFICIENT_BUFFER;
-        break;
-      }
+    const unsigned len = Decode<From>(ft, in + i, inLen - i, &cp);
+    if (Measure) {
+      n += EncodedLength<To>(tt, cp);
+    } else if (cap - n >= 4) {
+      n += Encode<To>(tt, cp, out + n);
+    } else {
+      const unsigned k = Encode<To>(tt, cp, bytes);
+      if (cap - n < k) break;
       memcpy(out + n, bytes, k);
+      n += k;
     }
-    n += k;
     i += len;
   }
   *consumed = i;
-  *written = n;
-  return hr;
+  return n;
+}
+
+template <NativeKind From, NativeKind To>
+HRESULT NativeRun(const text::PageTable* ft, const text::PageTable* tt, const unsigned char* in, size_t inLen,
+                  unsigned char* out, size_t cap, size_t* consumed, size_t* written) {
+  *written = out ? NativeLoop<From, To, false>(ft, tt, in, inLen, out, cap, consumed)
+                 : NativeLoop<From, To, true>(ft, tt, in, inLen, out, cap, consumed);
+  return *consumed == inLen ? S_OK : QZ_E_INSUFFICIENT_BUFFER;
 }
 
 template <NativeKind From>
