@@ -137,9 +137,17 @@ struct Width<char> {
     const char one[2] = {a, 0};
     return SameCharIgnoreCase(one, b);
   }
-  // `chars` characters of the code page, stopping at a 0 of both.
+  // `chars` characters of the code page, stopping at a 0 of both. ASCII
+  // bytes are characters of their own (see Step), so they are compared here
+  // and the runtime's compare takes over at the first other byte.
   static bool Match(const char* p, const char* text, unsigned int chars) {
-    return qzsys::_mbsncmp(U8(p), U8(text), chars) == 0;
+    for (; chars != 0; --chars, ++p, ++text) {
+      const unsigned char a = static_cast<unsigned char>(*p), b = static_cast<unsigned char>(*text);
+      if ((a | b) >= 0x80) return qzsys::_mbsncmp(U8(p), U8(text), chars) == 0;
+      if (a != b) return false;
+      if (a == 0) return true;
+    }
+    return true;
   }
   static bool MatchIgnoreCase(const char* p, const char* text, unsigned int chars) {
     return qzsys::_mbsnicmp(U8(p), U8(text), chars) == 0;
@@ -626,11 +634,27 @@ struct TextMatch {
   const T* from;
   unsigned int fromCount;
   bool ignoreCase;
+  // `from` is fromCount characters of one unit each, none of them 0 (no 0
+  // and, narrow, no byte from 0x80): the compare is then a plain one.
+  bool plain;
   bool operator()(const T* p) const {
-    if (*p != *from && !ignoreCase) return false;
-    return ignoreCase ? Width<T>::MatchIgnoreCase(p, from, fromCount) : Width<T>::Match(p, from, fromCount);
+    if (ignoreCase) return Width<T>::MatchIgnoreCase(p, from, fromCount);
+    if (*p != *from) return false;
+    if (plain) {
+      for (unsigned int i = 1; i < fromCount; ++i)
+        if (p[i] != from[i]) return false;
+      return true;
+    }
+    return Width<T>::Match(p, from, fromCount);
   }
 };
+
+template <typename T>
+bool PlainUnits(const T* text, unsigned int count) {
+  for (unsigned int i = 0; i < count; ++i)
+    if (text[i] == 0 || (sizeof(T) == 1 && static_cast<unsigned char>(text[i]) >= 0x80)) return false;
+  return true;
+}
 
 // Offset of the next hit at or after `at`, or `length`. A hit lies wholly
 // inside the text.
@@ -651,7 +675,7 @@ unsigned int ReplaceText(QzStringBaseT<T>& s, const T* from, unsigned int fromCo
   unsigned int length = Header(chars)->length;
   if (fromCount == 0 || from == 0 || length < fromCount) return 0;
   if (to == 0) toCount = 0;
-  TextMatch<T> m = {from, fromCount, ignoreCase};
+  TextMatch<T> m = {from, fromCount, ignoreCase, PlainUnits(from, fromCount)};
 
   if (fromCount == toCount) {
     unsigned int at = NextHit(chars, 0, length, m);
