@@ -182,7 +182,9 @@ void RunModel(unsigned seed, unsigned page, const std::vector<Model<T> >& pieces
         Model<T> m = pos < len ? model.substr(pos, count) : Model<T>();
         if (!m.empty() && m[0] == 0) m.clear();
         ASSERT_EQ(Text(sub), m) << "step " << step;
-        if (!m.empty()) EXPECT_EQ(Refs(sub), 1);
+        if (!m.empty()) {
+          EXPECT_EQ(Refs(sub), 1);
+        }
         break;
       }
       default: {

@@ -88,63 +88,6 @@ Decoded DecodeOne(UINT page, const unsigned char* p, size_t avail) {
   return {1, t->single[p[0]]};
 }
 
-// The bytes of code point cp in `page` into out[0..3], the page's default
-// character '?' where it lacks cp. 0 when the library cannot write the page
-// itself (stateful pages such as ISO-2022-JP).
-unsigned EncodeOne(UINT page, uint32_t cp, unsigned char* out) {
-  if (page == 1200 || page == 1201) {
-    uint16_t units[2];
-    unsigned n = 1;
-    if (cp >= 0x10000) {
-      units[0] = static_cast<uint16_t>(0xD800 + ((cp - 0x10000) >> 10));
-      units[1] = static_cast<uint16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF));
-      n = 2;
-    } else {
-      units[0] = static_cast<uint16_t>(cp);
-    }
-    for (unsigned i = 0; i < n; ++i) {
-      unsigned char lo = static_cast<unsigned char>(units[i]), hi = static_cast<unsigned char>(units[i] >> 8);
-      out[2 * i] = page == 1200 ? lo : hi;
-      out[2 * i + 1] = page == 1200 ? hi : lo;
-    }
-    return 2 * n;
-  }
-  if (page == 12000 || page == 12001) {
-    for (int i = 0; i < 4; ++i) {
-      unsigned char b = static_cast<unsigned char>(cp >> (8 * i));
-      out[page == 12000 ? i : 3 - i] = b;
-    }
-    return 4;
-  }
-  const PageInfo* info = text::FindPage(page);
-  if (!info) return 0;
-  if (info->kind == text::kUtf8) return text::EncodeUtf8(cp, out);
-  const text::PageTable* t = text::GetTable(page);
-  if (!t) {
-    // The other pages iconv writes are ASCII below 0x80 in their initial
-    // state; anything else is left to iconv.
-    if (cp >= 0x80 || page == 50220) return 0;
-    out[0] = static_cast<unsigned char>(cp);
-    return 1;
-  }
-  if (cp == 0) {
-    out[0] = 0;
-    return 1;
-  }
-  uint16_t code = cp < 0x10000 ? t->encode[cp] : 0;
-  if (!code) {
-    out[0] = '?';
-    return 1;
-  }
-  if (code < 0x100) {
-    out[0] = static_cast<unsigned char>(code);
-    return 1;
-  }
-  out[0] = static_cast<unsigned char>(code >> 8);
-  out[1] = static_cast<unsigned char>(code);
-  return 2;
-}
-
 // ---- Pages the library converts itself ---------------------------------------
 // UTF-8, UTF-16, UTF-32 and the single- and double-byte pages with tables are
 // read and written here, character by character, without iconv: a character
@@ -270,6 +213,28 @@ inline unsigned Encode(const text::PageTable* t, uint32_t cp, unsigned char* out
     out[1] = static_cast<unsigned char>(code);
     return 2;
   }
+}
+
+// The bytes of code point cp in `page` into out[0..3], the page's default
+// character '?' where it lacks cp. 0 when the library cannot write the page
+// itself (stateful pages such as ISO-2022-JP).
+unsigned EncodeOne(UINT page, uint32_t cp, unsigned char* out) {
+  const NativePage np = FindNative(page);
+  switch (np.kind) {
+    case kUtf8Page: return Encode<kUtf8Page>(nullptr, cp, out);
+    case kUtf16LE: return Encode<kUtf16LE>(nullptr, cp, out);
+    case kUtf16BE: return Encode<kUtf16BE>(nullptr, cp, out);
+    case kUtf32LE: return Encode<kUtf32LE>(nullptr, cp, out);
+    case kUtf32BE: return Encode<kUtf32BE>(nullptr, cp, out);
+    case kTablePage: return Encode<kTablePage>(np.table, cp, out);
+    default: break;
+  }
+  if (const text::PageTable* t = text::GetTable(page)) return Encode<kTablePage>(t, cp, out);  // 1255, 1258
+  // The other pages iconv writes are ASCII below 0x80 in their initial
+  // state; anything else is left to iconv.
+  if (!text::FindPage(page) || cp >= 0x80 || page == 50220) return 0;
+  out[0] = static_cast<unsigned char>(cp);
+  return 1;
 }
 
 // Bytes that Encode<K> gives for cp, without writing them.
@@ -597,18 +562,7 @@ HRESULT Pipe::Run(iconv_t cd, unsigned char* in, size_t inLen, Output& out, size
     if (n) {
       // Written here: whatever iconv still holds goes out first.
       r = Step(cd, nullptr, nullptr, out);
-      if (r == kFull) {
-        hr = QZ_E_INSUFFICIENT_BUFFER;
-        break;
-      }
-      if (r != kDone) {
-        hr = E_FAIL;
-        break;
-      }
-      if (!Put(out, sub, n)) {
-        hr = QZ_E_INSUFFICIENT_BUFFER;
-        break;
-      }
+      if (r == kDone && !Put(out, sub, n)) r = kFull;
     } else {
       // A destination the library cannot write: let iconv write its default
       // character, in the shift state it is in.
@@ -617,14 +571,10 @@ HRESULT Pipe::Run(iconv_t cd, unsigned char* in, size_t inLen, Output& out, size
       char* qp = reinterpret_cast<char*>(q);
       size_t ql = qn;
       r = qn ? Step(cd, &qp, &ql, out) : kFailed;
-      if (r == kFull) {
-        hr = QZ_E_INSUFFICIENT_BUFFER;
-        break;
-      }
-      if (r != kDone) {
-        hr = E_FAIL;
-        break;
-      }
+    }
+    if (r != kDone) {
+      hr = r == kFull ? QZ_E_INSUFFICIENT_BUFFER : E_FAIL;
+      break;
     }
     ip += len;
     left -= len;
