@@ -84,6 +84,9 @@ struct Built {
   std::deque<std::string> narrow;
   std::deque<WString> wide;
   int64_t counts[kMaxArgs];
+  // Text of the other width with a width: cut by the buffer it is padded up
+  // to its cut length, so the cut output is no prefix of the whole one.
+  bool paddedOther = false;
 };
 
 // Units that mean nothing after '%' and cannot be read as a flag, a digit,
@@ -197,6 +200,7 @@ void AddConversion(Built<U>& b, Input& in) {
       // 'S' counts as the other width.
       const bool otherSize = narrowEngine ? (sizeMode == 2 || (sizeMode == 0 && conv == 'S'))
                                           : (sizeMode == 1 || (sizeMode == 0 && conv == 'S'));
+      if (otherSize && widthMode != 0) b.paddedOther = true;
       AddString(b, in, narrowEngine == otherSize);
       break;
     }
@@ -263,7 +267,7 @@ void Check(Input& in) {
   if (cut[expect] != 0) abort();
   for (size_t i = expect + 1; i < cut.size(); ++i)
     if (cut[i] != kFill) abort();
-  if (!whole.empty() && std::memcmp(cut.data(), whole.data(), expect * sizeof(U)) != 0) abort();
+  if (!whole.empty() && !b.paddedOther && std::memcmp(cut.data(), whole.data(), expect * sizeof(U)) != 0) abort();
 }
 
 }  // namespace
