@@ -4,7 +4,8 @@
 // literal runs and conversions; every conversion that reads a value gets one
 // of exactly the type it reads. Then the contract is checked: the measured
 // length equals the length written into a big enough buffer, a cut output
-// holds `count - 1` units of the whole and a terminator, and nothing is
+// holds `count - 1` units and a terminator (the first units of the whole,
+// unless a padded text of the other width was cut), and nothing is
 // stored past the buffer (guard units stay as they were).
 #include <qzbase/QzFormat.h>
 
