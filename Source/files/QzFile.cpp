@@ -1,5 +1,6 @@
 // Files and temporary files.
 #include <qzbase/QzFile.h>
+#include <qzbase/QzException.h>
 #include <qzbase/QzMempool.h>
 
 #include "frame/QzException.h"
@@ -109,7 +110,13 @@ HRESULT QzTemporaryFile::Create(const QzStringT<char>& folder, DWORD access) {
   }
 
   if (GetTempFileNameA(folderBlock.get(), "TFR", 0, nameBlock.get()) == 0) return CodeOfLastError();
-  path = QzStringT<char>(nameBlock.get());
+  try {
+    path = QzStringT<char>(nameBlock.get());
+  } catch (const QzException&) {
+    // Nobody could learn the name: take the file back.
+    DeleteFileA(nameBlock.get());
+    return E_OUTOFMEMORY;
+  }
   this->access = access;
 
   SECURITY_ATTRIBUTES security = {static_cast<DWORD>(sizeof(SECURITY_ATTRIBUTES)), nullptr, TRUE};

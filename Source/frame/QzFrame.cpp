@@ -50,6 +50,10 @@ void DisableLog() {
 void Detach() {
   Trace("load entry: detach");
   DisableLog();
+  // Nothing the system keeps may point into the library once it is unloaded:
+  // the fault guard's signal handlers and the TLS tables' thread-exit destructor.
+  QzGuardRelease();
+  QzTlsRelease();
 }
 
 // ---- The Linux loader's side -------------------------------------------------------

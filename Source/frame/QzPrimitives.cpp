@@ -413,42 +413,14 @@ extern "C" QZ_API void Qz_MemcpyRect(void* dst, ptrdiff_t dstStride, const void*
 // ---- Region checks -------------------------------------------------------------------
 namespace {
 
-void ReadProbe(volatile void* p) {
-#if QZ_X86
-  unsigned char c;
-  // One byte loaded and dropped; assembly keeps it out of sight of the
-  // sanitizers, which would otherwise report the very faults we catch.
-  __asm__ __volatile__("movb (%1), %0" : "=q"(c) : "r"(p) : "memory");
-  (void)c;
-#else
-  (void)*static_cast<volatile unsigned char*>(p);
-#endif
-}
-
-void WriteProbe(volatile void* p) {
-#if QZ_X86
-  // The processor's write access on the word, with the stored value left as
-  // it is: comparand and new value are the same, and the lock makes the
-  // read-compare-write one step against other writers.
-  uint32_t expected = 0xA5;
-  __asm__ __volatile__("lock cmpxchgl %2, %1"
-                       : "+a"(expected), "+m"(*static_cast<volatile uint32_t*>(p))
-                       : "r"(0xA5u)
-                       : "memory", "cc");
-#else
-  uint32_t expected = 0xA5;
-  __atomic_compare_exchange_n(static_cast<uint32_t*>(const_cast<void*>(p)), &expected, 0xA5u, false,
-                              __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
-#endif
-}
-
-int ProbeRegion(qzsys::QzProbeFn probe, uintptr_t start, size_t size) {
+template <typename Probe>
+int ProbeRegion(Probe probe, uintptr_t start, size_t size) {
   uintptr_t page = QzSystemInfo().dwPageSize;
   if (page == 0) page = 4096;  // only before the load entry has run
   const uintptr_t last = start + (size - 1);  // may wrap: then the probes meet a fault
   uintptr_t at = start;
   for (;;) {
-    if (!qzsys::QzGuardedProbe(probe, reinterpret_cast<volatile void*>(at))) return 0;
+    if (!probe(reinterpret_cast<volatile void*>(at))) return 0;
     if (page > last - at) return 1;
     at += page;
   }
@@ -459,7 +431,7 @@ int ProbeRegion(qzsys::QzProbeFn probe, uintptr_t start, size_t size) {
 extern "C" QZ_API int Qz_IsValidReadRegion(const void* p, size_t size) {
   if (size == 0) return 1;
   if (p == nullptr) return 0;
-  return ProbeRegion(&ReadProbe, reinterpret_cast<uintptr_t>(p), size);
+  return ProbeRegion(&qzsys::QzProbeRead, reinterpret_cast<uintptr_t>(p), size);
 }
 
 extern "C" QZ_API int Qz_IsValidWriteRegion(void* p, size_t size) {
@@ -468,5 +440,5 @@ extern "C" QZ_API int Qz_IsValidWriteRegion(void* p, size_t size) {
   uintptr_t start = reinterpret_cast<uintptr_t>(p);
   const uintptr_t last = start + (size - 1);
   start &= ~static_cast<uintptr_t>(3);
-  return ProbeRegion(&WriteProbe, start, last - start + 1);
+  return ProbeRegion(&qzsys::QzProbeWrite, start, last - start + 1);
 }

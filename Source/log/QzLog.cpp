@@ -2,6 +2,7 @@
 #include "log/QzLog.h"
 
 #include <qzbase/QzMempool.h>
+#include <qzbase/QzSyncObject.h>
 
 #include <stdarg.h>
 
@@ -260,7 +261,7 @@ int QZ_CREATE_FILE_LOG(const char* path) {
           record->file = file;
           record->sizeLimit = QZ_LOG_SIZE_LIMIT;
           record->bytesWritten = 0;
-          if (!InitializeCriticalSection(&record->lock)) QzThrow(E_OUTOFMEMORY);
+          Qz_InitializeCriticalSection(&record->lock);
           g_fileLog.store(record, std::memory_order_relaxed);
         } else {
           file->~QzFile();

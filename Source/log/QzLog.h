@@ -6,6 +6,7 @@
 #include <qzbase/QzLog.h>
 #include <qzbase/QzFile.h>
 #include <qzbase/QzString.h>
+#include <qzbase/QzSyncObject.h>
 
 #include "platform/QzPlatform.h"
 
@@ -24,7 +25,7 @@ struct QzFileLog {
   QzFile* file;                    // owned, from the default pool
   uint32_t sizeLimit;              // 0x2800000: the file rewinds once past it
   uint32_t bytesWritten;           // since creation or the last rewind
-  qzsys::CRITICAL_SECTION lock;    // one line, or one whole dump
+  QzCriticalSection lock;          // one line, or one whole dump
 };
 
 constexpr uint32_t QZ_LOG_SIZE_LIMIT = 0x2800000u;

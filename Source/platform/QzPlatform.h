@@ -34,6 +34,7 @@
 #include "platform/QzPlatformHandle.h"
 #include "platform/QzPlatformSync.h"
 #include "platform/QzPlatformFile.h"
+#include "platform/QzPlatformThread.h"
 #include "platform/QzPlatformMapping.h"
 #include "platform/QzPlatformMmio.h"
 // QZ_PLATFORM_AREAS_END

@@ -42,14 +42,41 @@ void OutputDebugStringA(LPCSTR text);
 typedef void (*QzDebugOutputHook)(void* context, const char* text);
 void QzSetDebugOutputHook(QzDebugOutputHook hook, void* context);
 
-// ---- Guard for memory probes ------------------------------------------------
-// Runs probe(address) with every processor fault (SIGSEGV, SIGBUS, SIGILL,
-// SIGFPE) caught. Returns true when the probe ran to its end, false when it
-// faulted. Outside a probe the host's own signal handlers are untouched: the
-// guard's handler passes every signal that was not raised inside a probe on to
-// the handler that was installed before it.
+// ---- Memory probes and the fault guard ------------------------------------
+// True when the byte at `address` can be read at this moment. The kernel
+// makes the access (faulting the page in where it is valid), so no signal is
+// raised and no handler of the host's is involved, whatever it installed.
+bool QzProbeRead(const volatile void* address);
+// True when the 32-bit word at `address` (a multiple of 4) can be written:
+// one locked read-modify-write that leaves the value as it was, also when
+// another thread writes the word at the same time. No signal either.
+// Both probes fall back to QzGuardedProbe where the kernel refuses the calls
+// they use (failure switch QZ_FAULT_PROBE_SYSCALL plays that part); neither
+// changes errno or the last error.
+bool QzProbeWrite(volatile void* address);
+
+// Runs fn(context) with every processor fault (SIGSEGV, SIGBUS, SIGILL,
+// SIGFPE raised by an instruction) caught: true when fn returned, false when
+// it faulted and was left at the fault, as a structured exception handler
+// that returns would leave it (locks it held stay held). The fault signals
+// are unblocked while fn runs. Calls nest, and any thread may make them, in
+// a signal handler too. The guard's handler is installed at the first call
+// and put back in first place by any later call that finds a host's handler
+// in its place; every signal that is not a fault inside a guarded call goes
+// on to the handler it replaced, so a host's handler still sees its signals
+// (once, also when it chains to the handler it replaced). A caught fault
+// skips the rest of fn with no C++ destructor run for its frames; a C++
+// exception leaving fn passes on to the caller with the guard removed.
+typedef void (*QzGuardedFn)(void* context);
+bool QzGuardedCall(QzGuardedFn fn, void* context);
+// The same for a probe function of one address.
 typedef void (*QzProbeFn)(volatile void* address);
 bool QzGuardedProbe(QzProbeFn probe, volatile void* address);
+// Puts back the handlers that the guard replaced, where the guard's are
+// still in place (a host's handler installed since stays). Detach calls it,
+// so no handler points into an unloaded library.
+void QzGuardRelease();
+
 
 }  // namespace qzsys
 

@@ -51,6 +51,8 @@ enum QzFault : unsigned {
   QZ_FAULT_CREATE_MAPPING,   // CreateFileMappingA / OpenFileMappingA fail
   QZ_FAULT_MMIO,             // mmioOpenA fails
   QZ_FAULT_GET_FILE_SIZE,    // GetFileSize fails
+  QZ_FAULT_PROBE_SYSCALL,    // the kernel refuses the memory probes' calls (a sandbox): probes use the guard
+  QZ_FAULT_VIRTUAL_FREE,     // VirtualFree fails (the allocation stays)
   QZ_FAULT_COUNT
 };
 

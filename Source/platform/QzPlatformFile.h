@@ -9,16 +9,27 @@
 // Share modes are enforced between opens inside this process: an open whose
 // access an earlier, still open handle's share mode forbids, or whose share
 // mode forbids the access of an earlier open handle, fails with
-// ERROR_SHARING_VIOLATION (32), as on Windows. Other processes are not held
-// back (POSIX has no mandatory share modes).
+// ERROR_SHARING_VIOLATION (32), as on Windows. Opens with access 0 take no
+// part. DeleteFileA and MoveFileA (of the source) ask for delete access, so
+// they fail the same way while a handle without FILE_SHARE_DELETE is open.
+// A handle's share mode lasts until its object goes: while a call is in
+// flight, or while a file mapping made from it lives. Other processes are not
+// held back (POSIX has no mandatory share modes). Opens, deletes and moves
+// check and act under one process-wide lock.
+//
+// Missing names: ERROR_FILE_NOT_FOUND when the folder exists,
+// ERROR_PATH_NOT_FOUND when it does not; a null path is
+// ERROR_INVALID_PARAMETER and an empty one ERROR_PATH_NOT_FOUND. Offsets are
+// 64-bit on every width.
 //
 // Each call that can fail has a failure switch (QzPlatformFaults.h):
 // QZ_FAULT_CREATE_FILE, QZ_FAULT_READ_FILE, QZ_FAULT_WRITE_FILE,
-// QZ_FAULT_WRITE_FILE_SHORT (succeeds, writes fewer bytes than asked),
-// QZ_FAULT_FLUSH_FILE, QZ_FAULT_SET_FILE_POINTER, QZ_FAULT_SET_END_OF_FILE,
-// QZ_FAULT_FILE_ATTRIBUTES, QZ_FAULT_DELETE_FILE, QZ_FAULT_MOVE_FILE,
-// QZ_FAULT_TEMP_PATH, QZ_FAULT_TEMP_FILE_NAME. A switched failure sets
-// ERROR_ACCESS_DENIED unless its line says otherwise.
+// QZ_FAULT_WRITE_FILE_SHORT (succeeds, writes the first half of what was
+// asked), QZ_FAULT_FLUSH_FILE, QZ_FAULT_SET_FILE_POINTER,
+// QZ_FAULT_SET_END_OF_FILE, QZ_FAULT_GET_FILE_SIZE, QZ_FAULT_FILE_ATTRIBUTES,
+// QZ_FAULT_DELETE_FILE, QZ_FAULT_MOVE_FILE, QZ_FAULT_TEMP_PATH,
+// QZ_FAULT_TEMP_FILE_NAME. A switched failure sets ERROR_ACCESS_DENIED and
+// changes nothing on disk.
 #ifndef QZBASE_PLATFORM_QZPLATFORMFILE_H
 #define QZBASE_PLATFORM_QZPLATFORMFILE_H
 
@@ -67,47 +78,71 @@ constexpr DWORD ERROR_NOT_SAME_DEVICE = 17;
 // FILE_ATTRIBUTE_READONLY on a new file makes it read-only; the cache hints
 // become posix_fadvise advice; FILE_FLAG_NO_BUFFERING asks for O_DIRECT and
 // falls back to buffered I/O where the file system refuses it (the caller's
-// alignment duties are then not checked); FILE_FLAG_WRITE_THROUGH is O_DSYNC.
-// A directory cannot be opened (ERROR_ACCESS_DENIED), nor can a read-only
-// file for writing. INVALID_HANDLE_VALUE with the last error on failure.
+// alignment duties are then not checked); FILE_FLAG_WRITE_THROUGH is O_DSYNC;
+// FILE_FLAG_DELETE_ON_CLOSE removes the file when its last handle goes (and
+// asks for delete access). Other flags and attributes are accepted and
+// ignored, and so is the template. A directory cannot be opened
+// (ERROR_ACCESS_DENIED), nor can a read-only file be opened for writing, cut or
+// deleted on close (ERROR_ACCESS_DENIED, for root too). TRUNCATE_EXISTING
+// without write access, or an unknown disposition: ERROR_INVALID_PARAMETER.
+// The handle is inheritable (stays open across exec) only when `attributes`
+// says so. Nothing is left on disk by an open that fails. INVALID_HANDLE_VALUE
+// with the last error on failure.
 HANDLE CreateFileA(LPCSTR path, DWORD access, DWORD shareMode, LPSECURITY_ATTRIBUTES attributes,
                    DWORD disposition, DWORD flagsAndAttributes, HANDLE templateFile);
 
 // Reads up to `size` bytes at the file position; *read gets the count (0 at
-// the end of the file, which is success). `read` may not be null.
+// the end of the file, which is success). A regular file is read until `size`
+// or its end; a device or pipe gives what one read gets. `read` null or an
+// `overlapped` record (not supported): ERROR_INVALID_PARAMETER. A handle
+// without read access: ERROR_ACCESS_DENIED.
 BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD size, DWORD* read, void* overlapped);
-// Writes `size` bytes at the file position, all of them unless the disk is
-// full; *written gets the count.
+// Writes `size` bytes at the file position; *written gets the count. All of
+// them are written unless the disk fills up part way, which is success with
+// the smaller count (nothing written at all is a failure). Arguments and
+// access as ReadFile.
 BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD size, DWORD* written, void* overlapped);
 // Moves the file position: the 64-bit distance is `distance` with *high as
 // its upper half when `high` is not null (the new position's upper half is
 // stored back there). Result: the new position's lower half; on failure
 // INVALID_SET_FILE_POINTER with the last error set (ERROR_NEGATIVE_SEEK for a
-// position before 0). Since a lower half of 0xFFFFFFFF is also a valid
-// answer, callers with `high` test the last error: a success sets it to 0.
+// position before 0; ERROR_INVALID_PARAMETER for a method above FILE_END or,
+// when `high` is null, for a position past 0xFFFFFFFF). A failure leaves the
+// position and *high as they were. Since a lower half of 0xFFFFFFFF is also a
+// valid answer, callers with `high` test the last error: a success sets it to
+// 0. Seeking past the end is allowed; the file grows only when written.
 DWORD SetFilePointer(HANDLE file, LONG distance, LONG* high, DWORD method);
-// Cuts or extends the file at the file position.
+// Cuts or extends the file at the file position. Needs write access.
 BOOL SetEndOfFile(HANDLE file);
+// Writes the file's data and metadata through to the disk. Needs write
+// access (ERROR_ACCESS_DENIED otherwise, as on Windows).
 BOOL FlushFileBuffers(HANDLE file);
 // The size's lower half; the upper half goes to *high when not null. On
 // failure INVALID_FILE_SIZE with the last error set (success sets it to 0).
 DWORD GetFileSize(HANDLE file, DWORD* high);
 
 // Attributes from the file's mode: FILE_ATTRIBUTE_DIRECTORY for a folder,
-// FILE_ATTRIBUTE_READONLY when nobody may write, else FILE_ATTRIBUTE_NORMAL
-// (alone). INVALID_FILE_ATTRIBUTES with ERROR_FILE_NOT_FOUND or
+// FILE_ATTRIBUTE_READONLY (added) when nobody may write, else
+// FILE_ATTRIBUTE_NORMAL alone. Symbolic links are followed. INVALID_FILE_ATTRIBUTES with ERROR_FILE_NOT_FOUND or
 // ERROR_PATH_NOT_FOUND for a missing path.
 DWORD GetFileAttributesA(LPCSTR path);
 // Only FILE_ATTRIBUTE_READONLY is acted on: set, it takes every write
 // permission away; clear, it gives the owner write permission back.
 BOOL SetFileAttributesA(LPCSTR path, DWORD attributes);
 // Deletes a file (not a folder: ERROR_ACCESS_DENIED). A read-only file is
-// refused with ERROR_ACCESS_DENIED, as on Windows. ERROR_FILE_NOT_FOUND for
-// a missing file.
+// refused with ERROR_ACCESS_DENIED, as on Windows, and so is a file open
+// without FILE_SHARE_DELETE (ERROR_SHARING_VIOLATION). The name goes at once;
+// handles still open keep working on the nameless file. A symbolic link is
+// deleted itself.
 BOOL DeleteFileA(LPCSTR path);
-// Renames or moves a file. Like Windows, it refuses an existing target with
-// ERROR_ALREADY_EXISTS, and never replaces it (the check and the move are
-// one step: link, then unlink; across file systems a copy is made first).
+// Renames or moves a file or folder. Like Windows, it refuses an existing
+// target (a file or folder, and the source itself) with ERROR_ALREADY_EXISTS
+// and never replaces it: the check and the move are one step (a no-replace
+// rename, or link then unlink where that is missing). Across file systems a
+// file is copied under the new name (exclusively, with its mode and times),
+// then the old name is removed; on any failure the copy goes and the source
+// stays. A folder cannot cross file systems (ERROR_NOT_SAME_DEVICE). A
+// missing target folder is ERROR_PATH_NOT_FOUND.
 BOOL MoveFileA(LPCSTR from, LPCSTR to);
 
 // The temporary folder: TMPDIR when set and not empty, else /tmp, always with
@@ -120,9 +155,11 @@ DWORD GetTempPathA(DWORD size, LPSTR buffer);
 // calls never get the same name; result the number used. With `unique` not 0:
 // only builds the name with that number and creates nothing. `folder` is used
 // as given; a separator is added when it does not end in '/' or '\\'. The
-// buffer must hold MAX_PATH characters. 0 with the last error on failure
-// (ERROR_PATH_NOT_FOUND for a missing folder, ERROR_FILE_EXISTS when all
-// 65535 names are taken).
+// buffer must hold MAX_PATH characters; a name that would not fit there with
+// its terminator fails with ERROR_FILENAME_EXCED_RANGE and writes nothing. The four digits are upper
+// case, from the number's low 16 bits. 0 with the last error on failure
+// (ERROR_INVALID_PARAMETER for a null folder or buffer, ERROR_PATH_NOT_FOUND
+// for a missing folder, ERROR_FILE_EXISTS when all 65535 names are taken).
 UINT GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name);
 
 }  // namespace qzsys

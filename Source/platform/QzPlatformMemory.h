@@ -38,10 +38,14 @@ struct MEMORY_BASIC_INFORMATION {
 
 // Reserves and commits `size` bytes (rounded up to whole pages) as one
 // allocation: page-aligned, zero-filled, read-write. `type` must contain
-// MEM_RESERVE | MEM_COMMIT; MEM_TOP_DOWN is accepted and needs no action on
-// Linux, whose kernel already places anonymous mappings from the top of the
-// address space downwards. A non-null `address` asks for exactly that place
-// (page-aligned) and fails with ERROR_INVALID_ADDRESS if it is taken.
+// MEM_RESERVE | MEM_COMMIT. Placement, where `address` is null: an
+// allocation without MEM_TOP_DOWN is never a neighbour of another allocation
+// of this layer (an unmapped page at least lies between them), so that a
+// heap's growth never joins the segment that holds the heap record and can
+// go back; with MEM_TOP_DOWN the kernel places it (top-down on Linux) and it
+// may touch others. A non-null `address` asks for exactly that place
+// (page-aligned) and fails with ERROR_INVALID_ADDRESS if it is taken; no
+// existing mapping is ever replaced.
 // Null on failure, with the last error set (ERROR_NOT_ENOUGH_MEMORY for an
 // exhausted system or when QZ_FAULT_VIRTUAL_ALLOC fires, ERROR_INVALID_PARAMETER
 // for a size of 0 or unsupported flags).
@@ -50,7 +54,9 @@ LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protect);
 // MEM_RELEASE with size 0 of the start address of one whole allocation gives
 // it back. Anything else fails: an address that is not the start of an
 // allocation of this layer gives ERROR_INVALID_ADDRESS, a non-zero size or
-// another free type ERROR_INVALID_PARAMETER. FALSE on failure.
+// another free type ERROR_INVALID_PARAMETER. FALSE on failure; the failure
+// switch QZ_FAULT_VIRTUAL_FREE makes it fail (ERROR_INVALID_ADDRESS) and
+// keep the allocation.
 BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD freeType);
 
 // Describes the allocation of this layer that holds `address` (see the record

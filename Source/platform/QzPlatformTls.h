@@ -63,6 +63,12 @@ BOOL TlsFree(DWORD index);
 // thread's table cannot be made (ERROR_NOT_ENOUGH_MEMORY).
 BOOL TlsSetValue(DWORD index, LPVOID value);
 
+// Detach: removes the thread-exit destructor of the per-thread tables, so
+// that none points into an unloaded library. Slots and values stay; a
+// thread's table is then left to the process when the thread ends, and a
+// thread that makes a new table makes the destructor again.
+void QzTlsRelease();
+
 // The calling thread's value; 0 if it never stored one in this slot since the
 // slot was allocated. An index out of range gives 0 and ERROR_INVALID_PARAMETER.
 LPVOID QzTlsGetValueSlow(DWORD index);

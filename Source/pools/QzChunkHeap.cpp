@@ -220,6 +220,7 @@ void QzHeapUnlinkChunk(QzHeap* heap, QzChunk* p, size_t size) { UnlinkChunk(heap
 
 void QzHeapResetOnCorruption(QzHeap* heap) {
   corruptionErrors.fetch_add(1, std::memory_order_relaxed);
+  heap->flags |= QZ_HEAP_FORGOT;
   heap->smallMap = 0;
   heap->treeMap = 0;
   heap->reserveSize = 0;
@@ -441,6 +442,17 @@ void* QzHeapAlloc(QzHeap* heap, size_t bytes) {
   return mem;
 }
 
+// Whether p lies in memory that a corruption reset made the heap forget. The
+// lowest-address check alone drops the old blocks only where growth after
+// the reset landed above the old memory; Linux places new regions below.
+// Walking the segments costs only heaps that were reset.
+static bool Forgotten(const QzHeap* heap, const QzChunk* p) {
+  if ((heap->flags & QZ_HEAP_FORGOT) == 0) return false;
+  for (const QzSegment* s = &heap->firstSegment; s != nullptr; s = s->next)
+    if (Addr(p) >= s->base && Addr(p) - s->base < s->size) return false;
+  return true;
+}
+
 // Free with the lock held; p passed the request checks of the caller.
 static void FreeLocked(QzHeap* heap, QzChunk* p) {
   if (Addr(p) < heap->lowestAddress || (p->sizeWord & QZ_INUSE_BITS) == QZ_PREV_INUSE) return;
@@ -450,11 +462,11 @@ static void FreeLocked(QzHeap* heap, QzChunk* p) {
     // Directly mapped: the region goes back whole.
     const size_t lead = p->footWord;
     const size_t length = s + lead + QZ_DIRECT_FOOT;
-    if (QzReleaseRegion(Addr(p) - lead, length)) heap->footprint -= length;
+    if (QzReleaseRegion(Addr(p) - lead, length)) QzChangeFootprint(heap, length, false);
     return;
   }
   // Checked before anything changes, so a dropped request leaves no trace.
-  if (Addr(next) <= Addr(p) || (next->sizeWord & QZ_PREV_INUSE) == 0) return;
+  if (Addr(next) <= Addr(p) || (next->sizeWord & QZ_PREV_INUSE) == 0 || Forgotten(heap, p)) return;
   if ((p->sizeWord & QZ_PREV_INUSE) == 0) {
     const size_t prevSize = p->footWord;
     QzChunk* prev = reinterpret_cast<QzChunk*>(Addr(p) - prevSize);
@@ -525,7 +537,8 @@ void* QzHeapRealloc(QzHeap* heap, void* block, size_t bytes) {
   const size_t s = QzChunkSize(p);
   QzChunk* next = QzChunkAt(p, s);
   if (Addr(p) < heap->lowestAddress || (p->sizeWord & QZ_INUSE_BITS) == QZ_PREV_INUSE ||
-      Addr(next) <= Addr(p) || (next->sizeWord & QZ_PREV_INUSE) == 0 || next->footWord != Footer(heap)) {
+      Addr(next) <= Addr(p) || (next->sizeWord & QZ_PREV_INUSE) == 0 || next->footWord != Footer(heap) ||
+      ((p->sizeWord & QZ_INUSE_BITS) != 0 && Forgotten(heap, p))) {
     QzSpinLockRelease(&heap->lock);
     return nullptr;
   }

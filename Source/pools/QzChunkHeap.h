@@ -106,6 +106,9 @@ constexpr size_t QZ_FENCEPOST = 7;  // a size word of exactly this ends a segmen
 // Heap flags.
 constexpr uint32_t QZ_HEAP_DIRECT = 1;  // direct mapping allowed
 constexpr uint32_t QZ_HEAP_LOCKED = 2;  // locking on
+// Set by a corruption reset, never cleared: frees and reallocations then drop
+// a chunk that lies in none of the heap's segments (forgotten memory).
+constexpr uint32_t QZ_HEAP_FORGOT = 8;
 
 // ---- Records ---------------------------------------------------------------------
 struct QzChunk {
@@ -203,6 +206,18 @@ inline size_t QzRequestToChunk(size_t n) {
                             : (n + QZ_CHUNK_OVERHEAD + QZ_CHUNK_ALIGN_MASK) & ~QZ_CHUNK_ALIGN_MASK;
 }
 inline size_t QzStamp() { return QzHeapParams.magic.load(std::memory_order_acquire); }
+// `footprint` changes under the heap's lock but is read without it
+// (Qz_MempoolFootprint), so every access is a relaxed word access; the
+// writers, serialised by the lock, need no read-modify-write instruction.
+inline size_t QzFootprint(const QzHeap* heap);
+inline void QzChangeFootprint(QzHeap* heap, size_t delta, bool up);
+
+inline size_t QzFootprint(const QzHeap* heap) { return __atomic_load_n(&heap->footprint, __ATOMIC_RELAXED); }
+inline void QzChangeFootprint(QzHeap* heap, size_t delta, bool up) {
+  const size_t now = QzFootprint(heap) + (up ? delta : 0 - delta);
+  __atomic_store_n(&heap->footprint, now, __ATOMIC_RELAXED);
+  if (up && now > heap->maxFootprint) heap->maxFootprint = now;
+}
 
 // ---- What the pool front end reads of a block (no lock taken) ---------------------
 // Usable bytes of a block: 0 for null or a chunk flagged free, otherwise the

@@ -123,8 +123,7 @@ void* QzHeapMapDirect(QzHeap* heap, size_t c) {
   QzSetHead(end, QZ_FENCEPOST);
   QzSetHead(QzChunkAt(p, psize + QZ_WORD), 0);
   if (Addr(region) < heap->lowestAddress) heap->lowestAddress = Addr(region);
-  heap->footprint += size;
-  if (heap->footprint > heap->maxFootprint) heap->maxFootprint = heap->footprint;
+  QzChangeFootprint(heap, size, true);
   return QzChunkToBlock(p);
 }
 
@@ -140,8 +139,7 @@ void* QzHeapGrow(QzHeap* heap, size_t c) {
   void* region = VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
   if (region == nullptr) return nullptr;
   const uintptr_t base = Addr(region);
-  heap->footprint += size;
-  if (heap->footprint > heap->maxFootprint) heap->maxFootprint = heap->footprint;
+  QzChangeFootprint(heap, size, true);
 
   if (heap->top == nullptr) {
     // After a corruption reset: the fresh region is all the heap knows.
@@ -195,7 +193,7 @@ int QzHeapTrim(QzHeap* heap, size_t pad) {
     }
     if (released != 0) {
       sp->size -= released;
-      heap->footprint -= released;
+      QzChangeFootprint(heap, released, false);
       QzHeapEstablishTop(heap, heap->top, heap->topSize - released);
     }
   }
@@ -228,7 +226,7 @@ size_t QzHeapReleaseUnused(QzHeap* heap) {
       }
       if (QzReleaseRegion(base, size)) {
         released += size;
-        heap->footprint -= size;
+        QzChangeFootprint(heap, size, false);
         pred->next = next;
         gone = true;
       } else {

@@ -7,10 +7,10 @@
 // Lock order: QzHeapParams.lock, then a pool's `lock`, then one heap's lock.
 //
 // Test hook: the failure switch QZ_FAULT_POOL_ALLOC makes every allocating
-// pool call (Alloc, Calloc, Realloc with a size, the aligned calls, and so
-// Qz_CreateMempool) return 0 as if memory had run out, in every pool; the old
-// block of a failed reallocation stays valid. Disarmed it costs one relaxed
-// load per call. Frees and the library's own records are not affected.
+// pool call (Alloc, Calloc, Realloc with a size, the aligned calls, the bulk
+// calls, and so Qz_CreateMempool) return 0 as if memory had run out, in every
+// pool; the old block of a failed reallocation stays valid. Disarmed it costs
+// one relaxed load per call. Frees and the library's own records are not affected.
 #ifndef QZBASE_QZMEMPOOL_INTERNAL_H
 #define QZBASE_QZMEMPOOL_INTERNAL_H
 

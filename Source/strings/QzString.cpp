@@ -137,11 +137,17 @@ struct Width<char> {
     const char one[2] = {a, 0};
     return SameCharIgnoreCase(one, b);
   }
-  // Characters (of the code page) in the first `units` bytes of text.
-  static unsigned int CharsIn(const char* text, unsigned int units) {
-    unsigned int n = 0;
-    for (const char *p = text, *end = text + units; p < end; p += Step(p, end)) ++n;
-    return n;
+  // `chars` characters of the code page, stopping at a 0 of both. ASCII
+  // bytes are characters of their own (see Step), so they are compared here
+  // and the runtime's compare takes over at the first other byte.
+  static bool Match(const char* p, const char* text, unsigned int chars) {
+    for (; chars != 0; --chars, ++p, ++text) {
+      const unsigned char a = static_cast<unsigned char>(*p), b = static_cast<unsigned char>(*text);
+      if ((a | b) >= 0x80) return qzsys::_mbsncmp(U8(p), U8(text), chars) == 0;
+      if (a != b) return false;
+      if (a == 0) return true;
+    }
+    return true;
   }
   static bool MatchIgnoreCase(const char* p, const char* text, unsigned int chars) {
     return qzsys::_mbsnicmp(U8(p), U8(text), chars) == 0;
@@ -163,7 +169,14 @@ struct Width<unsigned short> {
   static bool SameChar(const T* p, T c) { return *p == c; }
   static bool SameCharIgnoreCase(const T* p, T c) { return qzsys::_wcsnicmp(p, &c, 1) == 0; }
   static bool EqualIgnoreCase(T a, T b) { return SameCharIgnoreCase(&a, b); }
-  static unsigned int CharsIn(const T*, unsigned int units) { return units; }
+  // wcsncmp: at most `chars` units, stopping at a 0 of both.
+  static bool Match(const T* p, const T* text, unsigned int chars) {
+    for (unsigned int i = 0; i < chars; ++i) {
+      if (p[i] != text[i]) return false;
+      if (p[i] == 0) break;
+    }
+    return true;
+  }
   static bool MatchIgnoreCase(const T* p, const T* text, unsigned int chars) {
     return qzsys::_wcsnicmp(p, text, chars) == 0;
   }
@@ -349,7 +362,7 @@ void QzStringBaseT<T>::SetInternal(const OtherCharType* text, unsigned int count
     void* grown = Qz_MempoolRealloc(0, h, BlockBytes<T>(needed));
     if (grown == 0) ThrowOutOfMemory();
     h = static_cast<QzInternalStringData*>(grown);
-    h->capacity = UnitsFor(needed) - 1;
+    h->capacity = static_cast<uint32_t>(UnitsFor(needed) - 1);
     (void)__atomic_exchange_n(&m_pchData, CharsOf<T>(h), __ATOMIC_SEQ_CST);
   }
   unsigned int written = ConvertInto(m_pchData, needed, text, count);
@@ -366,11 +379,11 @@ void QzStringBaseT<T>::AppendInternal(const T* text, unsigned int count) {
     return;
   QzInternalStringData* h = Header(m_pchData);
   unsigned int length = h->length;
-  unsigned int total = length + count;
+  const uint64_t total = uint64_t(length) + count;  // no wrap: a block that big is refused
   if (IsSoleOwner(m_pchData) && total <= h->capacity) {
     Move(m_pchData + length, text, count);  // a part of this text is sound
     m_pchData[total] = 0;
-    h->length = total;
+    h->length = static_cast<uint32_t>(total);
     return;
   }
   T* chars = NewBlock<T>(total);
@@ -385,7 +398,7 @@ void QzStringBaseT<T>::AppendInternal(const OtherCharType* text, unsigned int co
   unsigned int needed = MeasureConversion(text, count);
   QzInternalStringData* h = Header(m_pchData);
   unsigned int length = h->length;
-  unsigned int total = length + needed;
+  const uint64_t total = uint64_t(length) + needed;
   if (IsSoleOwner(m_pchData) && total <= h->capacity) {
     unsigned int written = ConvertInto(m_pchData + length, needed, text, count);
     m_pchData[length + written] = 0;
@@ -425,7 +438,7 @@ void Join(QzStringBaseT<T>& result, const A* first, unsigned int firstCount, con
   if (second == 0) secondCount = 0;
   unsigned int firstRoom = RoomFor<T>(first, firstCount);
   unsigned int secondRoom = RoomFor<T>(second, secondCount);
-  T* chars = NewBlock<T>(firstRoom + secondRoom);
+  T* chars = NewBlock<T>(uint64_t(firstRoom) + secondRoom);
   unsigned int n = firstRoom != 0 ? LayText(chars, firstRoom, first, firstCount) : 0u;
   n += secondRoom != 0 ? LayText(chars + n, secondRoom, second, secondCount) : 0u;
   chars[n] = 0;
@@ -463,18 +476,18 @@ unsigned int InsertInside(QzStringBaseT<T>& s, unsigned int pos, unsigned int ro
   T* chars = QzStringAccess::Chars(s);
   QzInternalStringData* h = Header(chars);
   unsigned int length = h->length;
-  unsigned int total = length + room;
+  const uint64_t total = uint64_t(length) + room;
   unsigned int tail = length - pos;
   if (!IsSoleOwner(chars) || total > h->capacity) {
     T* fresh = NewBlock<T>(total);
     Copy(fresh, chars, pos);
     unsigned int written = lay(fresh + pos, room);
     Copy(fresh + pos + written, chars + pos, tail);
-    total = length + written;
-    fresh[total] = 0;
-    Header(fresh)->length = total;
+    const unsigned int made = length + written;
+    fresh[made] = 0;
+    Header(fresh)->length = made;
     SwapIn(s, fresh);
-    return total;
+    return made;
   }
   Move(chars + pos + room, chars + pos, tail + 1);
   unsigned int written = lay(chars + pos, room);
@@ -612,21 +625,36 @@ unsigned int ReplaceChar(QzStringBaseT<T>& s, T to, Hit hit) {
   return 1 + OverwriteFrom(chars, first + n, length, to, hit);
 }
 
-// Matches `fromCount` units of `from` at a place, exactly (every unit,
-// embedded 0s included) or ignoring case (through the runtime's compare, on
-// the characters those units hold).
+// Matches `from` at a place by the runtime's compares, which take
+// `fromCount` as a number of characters and stop at a 0: in a double-byte
+// page the compare may reach past `fromCount` bytes, and a 0 in `from`
+// ends it early.
 template <typename T>
 struct TextMatch {
   const T* from;
   unsigned int fromCount;
-  unsigned int fromChars;
   bool ignoreCase;
+  // `from` is fromCount characters of one unit each, none of them 0 (no 0
+  // and, narrow, no byte from 0x80): the compare is then a plain one.
+  bool plain;
   bool operator()(const T* p) const {
-    if (!ignoreCase)
-      return *p == *from && memcmp(p, from, static_cast<size_t>(fromCount) * sizeof(T)) == 0;
-    return Width<T>::MatchIgnoreCase(p, from, fromChars);
+    if (ignoreCase) return Width<T>::MatchIgnoreCase(p, from, fromCount);
+    if (*p != *from) return false;
+    if (plain) {
+      for (unsigned int i = 1; i < fromCount; ++i)
+        if (p[i] != from[i]) return false;
+      return true;
+    }
+    return Width<T>::Match(p, from, fromCount);
   }
 };
+
+template <typename T>
+bool PlainUnits(const T* text, unsigned int count) {
+  for (unsigned int i = 0; i < count; ++i)
+    if (text[i] == 0 || (sizeof(T) == 1 && static_cast<unsigned char>(text[i]) >= 0x80)) return false;
+  return true;
+}
 
 // Offset of the next hit at or after `at`, or `length`. A hit lies wholly
 // inside the text.
@@ -647,7 +675,7 @@ unsigned int ReplaceText(QzStringBaseT<T>& s, const T* from, unsigned int fromCo
   unsigned int length = Header(chars)->length;
   if (fromCount == 0 || from == 0 || length < fromCount) return 0;
   if (to == 0) toCount = 0;
-  TextMatch<T> m = {from, fromCount, Width<T>::CharsIn(from, fromCount), ignoreCase};
+  TextMatch<T> m = {from, fromCount, ignoreCase, PlainUnits(from, fromCount)};
 
   if (fromCount == toCount) {
     unsigned int at = NextHit(chars, 0, length, m);
@@ -667,7 +695,11 @@ unsigned int ReplaceText(QzStringBaseT<T>& s, const T* from, unsigned int fromCo
        at = NextHit(chars, at + fromCount, length, m))
     ++hits;
   if (hits == 0) return 0;
-  unsigned int newLength = length + (toCount - fromCount) * hits;  // wraps right when shrinking
+  // Growth in 64 bits: a total past what a block can hold is refused
+  // before anything is read from `to`.
+  const uint64_t newLength = toCount >= fromCount
+                                 ? uint64_t(length) + uint64_t(toCount - fromCount) * hits
+                                 : uint64_t(length) - uint64_t(fromCount - toCount) * hits;
   T* fresh = NewBlock<T>(newLength);
   T* w = fresh;
   unsigned int done = 0;

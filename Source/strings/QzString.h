@@ -26,6 +26,8 @@
 
 #include <string.h>
 
+#include "pools/QzChunkHeap.h"
+
 // Friend of QzStringBaseT: reaches the character pointer and the private
 // members for the library's own code (and its tests).
 struct QzStringAccess {
@@ -64,11 +66,24 @@ template <typename T>
 inline T* CharsOf(QzInternalStringData* header) {
   return reinterpret_cast<T*>(header + 1);
 }
-// Units of room (terminator included) for n characters.
-inline uint32_t UnitsFor(uint32_t n) { return (n + 8u) & ~7u; }
+// Units of room (terminator included) for n characters. Computed in 64 bits:
+// a count near 2^32 must not wrap to a small block.
+inline uint64_t UnitsFor(uint64_t n) { return (n + 8u) & ~uint64_t(7); }
+
+// ---- Failure ------------------------------------------------------------------------
+[[noreturn]] void ThrowOutOfMemory();
+
+// The most characters a block can hold: its length is a 32-bit field.
+constexpr uint64_t kMaxLength = 0xFFFFFFFFu;
+
+// Bytes of a block for n characters. A block that cannot exist (a length
+// the header cannot hold, or more bytes than the word or the pool can give)
+// throws out of memory here, before anything is allocated or written.
 template <typename T>
-inline size_t BlockBytes(uint32_t n) {
-  return sizeof(QzInternalStringData) + static_cast<size_t>(UnitsFor(n)) * sizeof(T);
+inline size_t BlockBytes(uint64_t n) {
+  const uint64_t bytes = sizeof(QzInternalStringData) + UnitsFor(n) * sizeof(T);
+  if (n > kMaxLength || bytes >= static_cast<uint64_t>(QZ_MAX_REQUEST)) ThrowOutOfMemory();
+  return static_cast<size_t>(bytes);
 }
 
 // ---- The shared empty record ------------------------------------------------------
@@ -107,20 +122,17 @@ inline bool IsSoleOwner(const void* chars) {
   return __atomic_load_n(&Header(chars)->refCount, __ATOMIC_ACQUIRE) <= 1;
 }
 
-// ---- Failure ------------------------------------------------------------------------
-[[noreturn]] void ThrowOutOfMemory();
-
 // ---- Blocks -------------------------------------------------------------------------
 // A new block for n characters: refCount 1, capacity and length n set, the
 // terminator written; the characters themselves are the caller's to fill.
 // Throws on out of memory.
 template <typename T>
-inline T* NewBlock(uint32_t n) {
+inline T* NewBlock(uint64_t n) {
   QzInternalStringData* h = static_cast<QzInternalStringData*>(Qz_MempoolAlloc(0, BlockBytes<T>(n)));
   if (h == 0) ThrowOutOfMemory();
   h->refCount = 1;
-  h->capacity = UnitsFor(n) - 1;
-  h->length = n;
+  h->capacity = static_cast<uint32_t>(UnitsFor(n) - 1);
+  h->length = static_cast<uint32_t>(n);
   T* chars = CharsOf<T>(h);
   chars[n] = 0;
   return chars;

@@ -13,6 +13,11 @@ using qzstr::Header;
 
 namespace {
 
+// At namespace scope: a static inside a member of an exported template would
+// be a unique object, which keeps the library from ever being unloaded.
+const char kHexLower[] = "0123456789abcdef";
+const char kHexUpper[] = "0123456789ABCDEF";
+
 inline int Engine(char* buffer, unsigned int count, const char* format, va_list args) {
   return QZ_VSNPRINTF_A(buffer, count, format, args);
 }
@@ -99,7 +104,7 @@ void QzStringBaseT<T>::FormatV(const T* format, va_list args) {
     void* grown = Qz_MempoolRealloc(0, Header(m_pchData), qzstr::BlockBytes<T>(n));
     if (grown == nullptr) qzstr::ThrowOutOfMemory();  // the old block is still ours
     QzInternalStringData* h = static_cast<QzInternalStringData*>(grown);
-    h->capacity = qzstr::UnitsFor(n) - 1;
+    h->capacity = static_cast<uint32_t>(qzstr::UnitsFor(n) - 1);
     m_pchData = qzstr::CharsOf<T>(h);
   }
   // The passes agree unless an argument changed in between (a caller's
@@ -125,6 +130,10 @@ void QzStringBaseT<T>::AppendFormatV(const T* format, va_list args) {
   const int measured = Measure(format, args);
   if (measured < 1) return;
   const unsigned int n = static_cast<unsigned int>(measured);
+  // A result that no block can hold fails as its block would, before the
+  // scratch is sized; a scratch of n + 1 units is then smaller than that
+  // block, and its own size cannot wrap.
+  qzstr::BlockBytes<T>(uint64_t(Header(m_pchData)->length) + n);
   // Built apart from the string, so arguments may point into it.
   Scratch scratch((static_cast<size_t>(n) + 1u) * sizeof(T));
   if (scratch.get() == nullptr) return;  // the one silent allocation failure
@@ -151,13 +160,14 @@ template <typename T>
 QzStringT<T> QzStringBaseT<T>::ToHexString(const unsigned char* data, unsigned int size,
                                            unsigned int groupSize, int lowercase) {
   if (size == 0) return empty;
-  static const char kLower[] = "0123456789abcdef";
-  static const char kUpper[] = "0123456789ABCDEF";
-  const char* digits = lowercase ? kLower : kUpper;
-  unsigned int room = 2u * size + 2u;
+  const char* digits = lowercase ? kHexLower : kHexUpper;
+  // In 64 bits, and straight into a block: a room that a block cannot hold
+  // throws before anything is written (the fill constructor would read a
+  // large count as negative and give the shared empty record).
+  uint64_t room = 2u * uint64_t(size) + 2u;
   if (groupSize != 0) room += size / groupSize;
-  QzStringT<T> result(room, T(0));
-  T* out = QzStringAccess::Chars(result);
+  T* out = qzstr::NewBlock<T>(room);
+  QzStringT<T> result(Header(out));  // adopts the new block's reference
   T* p = out;
   for (unsigned int i = 0; i < size; ++i) {
     const unsigned char b = data[i];

@@ -84,8 +84,9 @@ HRESULT Run(QzConversion which, unsigned int from, unsigned int to, void* source
   unsigned int local = 0;
   unsigned int* passed = wide;
   if (wide) {
-    // A count that doubling would wrap names more text than can exist.
-    if (*wide != 0xFFFFFFFFu && *wide > 0x7FFFFFFFu) return E_INVALIDARG;
+    // Doubled in 32 bits: a count from 0x80000000 up wraps, as the caller's
+    // own size arithmetic would; the component never goes past what it is
+    // told, so a wrapped size only converts or admits less.
     local = *wide == 0xFFFFFFFFu ? 0xFFFFFFFFu : *wide * 2u;
     passed = &local;
   }

@@ -10,6 +10,7 @@
 #include <qzbase/QzFrame.h>
 
 #include <climits>
+#include <cstdint>
 #include <cstring>
 
 #include "platform/QzPlatformText.h"
@@ -432,6 +433,8 @@ struct StoreOut {
   void Converted(const T* src, size_t n, size_t total, U* scratch) {
     p += StoreConverted(src, n, total, p, static_cast<size_t>(end - p), scratch);
   }
+  // The units still to be stored before the buffer is full.
+  size_t Room() const { return static_cast<size_t>(end - p); }
   uint64_t Count() const { return static_cast<uint64_t>(p - start); }
   void Close(QzFormatSink<U>* sink) { sink->cur = p; }
 };
@@ -465,21 +468,26 @@ struct MeasureOut {
   void Converted(const T*, size_t, size_t total, U*) {
     n += total;
   }
+  size_t Room() const { return SIZE_MAX; }
   uint64_t Count() const { return n; }
   void Close(QzFormatSink<U>*) {}
 };
 
 inline int SaturatedCount(uint64_t n) { return n > INT_MAX ? INT_MAX : static_cast<int>(n); }
 
-// Outputs text of the other width without a copy: padded to `width` units of
-// the output, then converted straight into the buffer. A conversion that does
-// not fit stores what does and leaves the buffer full, so the next unit
-// produced reports it.
+// Outputs text of the other width without a copy, converted straight into the
+// buffer. Its length is first cut to the room left, and the padding up to
+// `width` is counted from that cut length, so a text that does not fit is
+// padded more than it would be whole. A text that does not fit stores what
+// does and leaves the buffer full: it reports nothing itself, and the next
+// unit produced does.
 template <class U, class Out, class T>
 bool EmitOtherWidth(Out& out, const T* src, size_t n, bool hasWidth, bool left, uint32_t width, U pad,
                     U* scratch) {
   const size_t total = n > 0 ? static_cast<size_t>(OtherLength(src, static_cast<int>(n))) : 0;
-  const uint64_t padding = hasWidth && width > total ? width - total : 0;
+  const size_t room = out.Room();
+  const size_t kept = total < room ? total : room;
+  const uint64_t padding = hasWidth && width > kept ? width - kept : 0;
   if (!left && padding != 0 && !out.Fill(pad, padding)) return false;
   out.Converted(src, n, total, scratch);
   if (left && padding != 0 && !out.Fill(pad, padding)) return false;

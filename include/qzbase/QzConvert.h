@@ -23,11 +23,19 @@
 //                             added.
 //
 // Results (HRESULT; negative is failure, 0 and above success):
-//   S_OK (0)                  converted. A character the destination page
-//                             lacks is written as its default character '?'
-//                             (no best-fit mapping).
-//   0x80070459                invalid input: a bad sequence, an odd byte
-//                             count of UTF-16, text cut inside a character.
+//   S_OK (0)                  converted, the whole text kept:
+//                             - a bad sequence of the source (a byte that
+//                               starts no character, text cut inside a
+//                               character, a lone surrogate) becomes U+FFFD
+//                               toward UTF-16 or UTF-8, and '?' toward the
+//                               ANSI code page;
+//                             - a character the destination page lacks
+//                               becomes its default character '?' (no
+//                               best-fit mapping).
+//                             Measuring gives exactly what converting then
+//                             writes, substitutes included.
+//   0x80070459                half a 16-bit unit (an odd byte count given to
+//                             a converter object): a wrong size, not text.
 //   0x8007007A                the destination is too small: the characters
 //                             that fit are written and both sizes say how
 //                             much was consumed and written.
@@ -36,7 +44,10 @@
 //   other negative values     the converter component is unavailable
 //                             (0x80040154) or out of memory (E_OUTOFMEMORY).
 // After a failure the caller's size on the UTF-16 side is left as it was; the
-// other size is what the component left there.
+// other size is what the component left there. A UTF-16 size is doubled for
+// the component in 32 bits: from 0x80000000 up it wraps (0x80000001 units
+// pass as 2 bytes), so less is converted or admitted than was said, never
+// more; 0xFFFFFFFF passes unchanged.
 //
 // Ownership: the library keeps one converter object per conversion, made at
 // the conversion's first use and kept until Qz_TerminateLibrary; a later call

@@ -58,20 +58,33 @@ class QzTemporaryFile {
   QZ_API QzTemporaryFile();
   QZ_API ~QzTemporaryFile();
   // Makes the scratch file in `folder` (used as given, no separator added), or
-  // in the system's temporary folder when `folder` is empty, and opens it with
-  // `access` and no sharing. 0x80020013 for a folder of 260 characters or
-  // more; otherwise 0 or the system error's code.
+  // in the system's temporary folder (TMPDIR, else /tmp) when `folder` is
+  // empty, and opens it with `access`, no sharing and an inheritable handle.
+  // 0x80020013 for a folder of 260 characters or more (or a system folder of
+  // more than 256); a folder so long that the name would not fit 259
+  // characters gives 0x800700CE; E_OUTOFMEMORY when the pool has no work
+  // space; otherwise 0 or the system error's code. When the open fails after
+  // the name was made, the empty file stays on disk and GetPath names it. A
+  // handle from an earlier Create on the same object is closed (its file
+  // stays).
   QZ_API HRESULT Create(const QzStringT<char>& folder, DWORD access);
   // Flushes and closes, keeping the path, so another component may open it.
-  // Always 0.
+  // Always 0; may be called again.
   QZ_API HRESULT HandsOff();
   // Opens the path again (OPEN_EXISTING, the access of Create, no sharing) and
-  // moves to its end. 0 or the system error's code.
+  // moves to its end, so writes append. 0 or the system error's code (0x80070020
+  // while another handle holds the file); if only the move fails, the file
+  // stays open and the code is returned.
   QZ_API HRESULT HandsOn();
   // Closes; with an empty `target` deletes the scratch file and returns 0;
   // otherwise deletes `target` (a missing one is fine) and moves the scratch
-  // file there. When the target cannot be deleted or the move fails, returns
-  // that error and leaves both files; Close may be called again.
+  // file there, across file systems too. When the target cannot be deleted
+  // (read-only, a folder, open elsewhere, in a missing folder) returns that
+  // error and leaves both files; Close may be called again. A failing move
+  // returns its error with the scratch file kept (the old target is then
+  // already gone). When there is no scratch file (Create never succeeded in
+  // making one, or it was removed), returns that error and leaves the target
+  // alone; a `target` equal to the path keeps the file where it is.
   QZ_API HRESULT Close(const QzStringT<char>& target);
 
   const QzStringT<char>& GetPath() const { return path; }

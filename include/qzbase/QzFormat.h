@@ -24,11 +24,14 @@
 // calls `%S`, `%ls` take UTF-16 text and `%C`, `%lc` a UTF-16 unit, converted
 // to the active ANSI code page; the width of `%S` counts output bytes and its
 // precision source units. In the wide calls `%S`, `%hs` take narrow text of
-// the active code page; `%c` and `%C` take a UTF-16 unit. A conversion unit
-// with no meaning prints '%' and itself; a format that ends inside a
-// conversion prints nothing of it. `%n` stores the count so far (32 bits; 16
-// with `h`; 64 with `I64`); a null target is skipped, and a `%n` after the cut
-// stores nothing.
+// the active code page; `%c` and `%C` take a UTF-16 unit. Text of the other
+// width that the buffer cuts is padded up to its cut length, not its whole
+// one. A conversion unit with no meaning prints '%' and itself; a format that
+// ends inside a conversion prints nothing of it. `%n` stores the count so far
+// (32 bits; 16 with `h`; 64 with `I64`); a null target is skipped. A `%n`
+// after the cut stores nothing, except behind text of the other width that
+// the buffer cut: that text reports no cut itself, so the `%n` stores the
+// units stored so far.
 //
 // Floating conversions are this library's own and deliberately not the C
 // library's: digits come from repeated multiplication in double precision,

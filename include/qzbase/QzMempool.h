@@ -98,6 +98,63 @@ QZ_API void Qz_MempoolAlignedFree(QzMempool* pool, void* block);
 // creation or re-establishing of a heap's top.
 QZ_API int Qz_MempoolOpt(QzMempool* pool, int parameter, int value);
 
+// ---- Bulk allocation ------------------------------------------------------------
+// Many blocks cut from one heap chunk in one step, side by side in index
+// order, never from a cache. `chunks` is the caller's array for the count
+// block addresses, or null: then the call makes the array itself, right behind
+// the elements, as a block of its own. The caller owns every element and the
+// array it did not pass in, and frees each one by itself (any free call, any
+// order, any thread); freeing the array frees no element. The last element
+// may be larger than asked for (Qz_MemblkSize tells). Requests too large for
+// the cache are never given mappings of their own here.
+//
+// Results: the array, or 0 when memory runs out or the sizes add up past the
+// address space, with nothing allocated. A count of 0 returns `chunks` when it
+// is given, otherwise a minimal block that stands for an empty array (free it
+// like any block).
+
+// `count` zero-filled elements of `size` bytes each (sizes below 16 count as
+// 16).
+QZ_API void** Qz_MempoolIndependentCalloc(QzMempool* pool, size_t count, size_t size, void** chunks);
+// `count` elements of sizes[i] bytes each (sizes below 16 count as 16), not
+// cleared; `sizes` is only read. A null `sizes` with a count above 0 gives 0.
+QZ_API void** Qz_MempoolIndependentCoMalloc(QzMempool* pool, size_t count, const size_t* sizes, void** chunks);
+
+// ---- Statistics and trimming ----------------------------------------------------
+// The figures of a pool are sums over its heaps; each heap is consistent in
+// itself, the pool's total is no single snapshot. A heap that has forgotten
+// its memory after a detected corruption contributes zeros. Byte figures are
+// word-sized: 32 bits on i386, 64 bits on x86-64, where a pool can hold more
+// than 4 GiB.
+struct QzMempoolInfo {
+  size_t totalBytes;      // top, its reserved tail and every chunk of the heaps' segments
+  size_t freeChunks;      // free chunks, each heap's top counted as one
+  size_t smallBlocks;     // always 0
+  size_t mappedBlocks;    // always 0
+  size_t mappedBytes;     // held memory outside the segments: direct mappings
+  size_t maxFootprint;    // sum of the heaps' highest footprints
+  size_t smallFreeBytes;  // always 0
+  size_t usedBytes;       // held memory not free in a heap (cached blocks count as used)
+  size_t freeBytes;       // top with its reserved tail, and every free chunk
+  size_t topBytes;        // the heaps' tops
+};
+
+// Bytes the pool holds from the system: segments and direct mappings,
+// including what thread caches keep. Lock-free; may be stale at once.
+QZ_API size_t Qz_MempoolFootprint(QzMempool* pool);
+// Writes six lines per heap through the log at level Status ("max system
+// bytes", "system bytes", "in use bytes", "corruption errors" between a begin
+// and an end rule). The corruption counter is the process's, the same in
+// every block. No result.
+QZ_API void Qz_MempoolStats(QzMempool* pool);
+// The pool's figures, summed over its heaps.
+QZ_API QzMempoolInfo Qz_MempoolGetInfo(QzMempool* pool);
+// Gives back the free end of each heap's newest memory beyond `pad` bytes,
+// where whole system allocations can go, and segments that have become
+// entirely free. Thread caches keep their blocks. Result: the number of heaps
+// that gave memory back.
+QZ_API int Qz_MempoolTrim(QzMempool* pool, size_t pad);
+
 }  // extern "C"
 
 #endif  // QZBASE_QZMEMPOOL_H

@@ -25,14 +25,20 @@
 //
 // Failure: the only failure is running out of memory for a block; every
 // member that allocates then throws QzException (code 0x8007000E, see
-// QzException.h) and leaves the string as it was. Counts and positions are
+// QzException.h) and leaves the string as it was. A size that no block can
+// hold (a length past 0xFFFFFFFF, a sum of lengths that would wrap, or more
+// bytes than the word or the pool can give) throws the same exception before
+// anything is allocated, read or written. Counts and positions are
 // otherwise trusted or clamped as each member says; a null text counts as
 // empty. A count of 0xFFFFFFFF means "up to the terminator" where a member
 // says so, and 0xFFFFFFFF as a result means "not found".
 //
 // Conversions between the widths go through the process's ANSI code page and
-// are never reported as failures: text that cannot be converted counts as
-// having length 0.
+// are never reported as failures. They keep the text: an invalid byte
+// sequence of the narrow text, or a lone surrogate of the wide text, becomes
+// U+FFFD in wide text and the code page's default character ('?') in narrow
+// text, as does a character the code page lacks. Only when the converter
+// cannot run at all does the converted text count as having length 0.
 #ifndef QZBASE_QZSTRING_H
 #define QZBASE_QZSTRING_H
 
@@ -204,7 +210,8 @@ class QZ_API QzStringBaseT {
   // is not 0, else upper case), with one space between groups of
   // `groupSize` bytes (0: no spaces), none at the end; "61 62 63" for "abc"
   // in groups of 1. `size` 0 gives the empty string without reading `data`.
-  // `size` must stay below 0x3FFFFFFF. Throws QzException when out of memory.
+  // Throws QzException when out of memory, and before reading `data` when
+  // the dump is larger than a block can hold.
   static QzStringT<T> ToHexString(const unsigned char* data, unsigned int size,
                                   unsigned int groupSize, int lowercase);
   // ---- end of the searching and formatting block -------------------------------

@@ -13,10 +13,17 @@
 #include <qzbase/QzDebug.h>
 #include <qzbase/QzFile.h>
 #include <qzbase/QzLog.h>
+#include <qzbase/QzSyncObject.h>
+#include <qzbase/QzDelegate.h>
+#include <qzbase/QzThread.h>
+#include <qzbase/QzEventQueue.h>
+#include <qzbase/QzTimeValue.h>
+#include <qzbase/QzTimer.h>
 #include <qzbase/QzFileMapping.h>
 #include <qzbase/QzFileStream.h>
 #include <qzbase/QzWaveFormat.h>
 #include <qzbase/QzWaveFile.h>
+#include <qzbase/QzRandom.h>
 // QZ_PUBLIC_HEADERS_END
 
 #endif  // QZBASE_QZBASE_H

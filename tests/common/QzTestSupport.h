@@ -54,6 +54,18 @@ class TempFolder {
   std::string path_;
 };
 
+// Sets an environment variable (or clears it, given null) for one scope.
+class EnvScope {
+ public:
+  EnvScope(const char* name, const char* value);
+  ~EnvScope();
+  EnvScope(const EnvScope&) = delete;
+  EnvScope& operator=(const EnvScope&) = delete;
+ private:
+  std::string name_, old_;
+  bool had_;
+};
+
 // Whole-file helpers for checking what calls left on disk. ReadAll gives ""
 // for a missing file; use Exists to tell the two apart.
 std::string ReadAll(const std::string& path);

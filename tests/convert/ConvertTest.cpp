@@ -139,8 +139,8 @@ TEST_F(Convert, SixteenBitSideSizesAreScaledAndMinusOnePassesThrough) {
       {"S_FALSE passed on", QZ_CONV_UTF16_TO_UTF8, 2, 9, 4, 2, S_FALSE, 4, 9, 2, 2},
       {"bytes to bytes: no scaling", QZ_CONV_MBCHAR_TO_UTF8, 5, 11, 5, 6, S_OK, 5, 11, 5, 6},
       {"bytes to bytes: 0xFFFFFFFF", QZ_CONV_UTF8_TO_MBCHAR, 0xFFFFFFFFu, 11, 5, 6, S_OK, 0xFFFFFFFFu, 11, 5, 6},
-      {"doubling would wrap: never reaches the component", QZ_CONV_MBCHAR_TO_UTF16, 3, 0x80000000u, 9, 9, E_INVALIDARG,
-       0, 0, 3, 0x80000000u},
+      {"doubled in 32 bits: 0x80000000 wraps to 0", QZ_CONV_MBCHAR_TO_UTF16, 3, 0x80000000u, 9, 9, S_OK, 3, 0, 9, 4},
+      {"doubled in 32 bits: 0xFFFFFFFE", QZ_CONV_UTF16_TO_UTF8, 0xFFFFFFFEu, 5, 6, 2, S_OK, 0xFFFFFFFCu, 5, 3, 2},
   };
   for (const auto& r : rows) {
     rec.answerSource = r.answerSrc;
@@ -156,17 +156,45 @@ TEST_F(Convert, SixteenBitSideSizesAreScaledAndMinusOnePassesThrough) {
   EXPECT_EQ(rec.refs, 1u);
 }
 
-// Invalid text each way and bad pointers: a negative result and the 16-bit
-// side's size kept. (The conversion fuzzer tries every other invalid shape
-// against the library's own decoders.)
-TEST_F(Convert, BadInputGivesANegativeResultAndNoStrayWrite) {
-  char cut[] = "ab\xE2\x82", text[] = "abc", out[8];
-  unsigned short lone[] = {'a', 0xD800}, wide[4];
-  unsigned int src = 2, dst = sizeof out, bytes = 4, units = 4;
-  EXPECT_LT(QZ_UTF16_TO_UTF8(lone, &src, out, &dst), 0);
-  EXPECT_EQ(src, 2u);
-  EXPECT_LT(QZ_UTF8_TO_UTF16(cut, &bytes, wide, &units), 0);
-  EXPECT_EQ(units, 4u);
+// What the conversions substitute, each way: U+FFFD for a bad or cut
+// sequence toward Unicode, the page's default character toward a page,
+// whether the character is missing there or was never valid. Measuring
+// gives what converting writes (Via checks both and the guard zone).
+TEST_F(Convert, SubstitutesAndKeepsTheRestOfTheText) {
+  const struct { UINT cp; QzConversion which; std::string in; Wide win; std::string out; Wide wout; } rows[] = {
+      {65001, QZ_CONV_UTF8_TO_UTF16, "ab\xE2\x82", {}, "", {'a', 'b', 0xFFFD}},
+      {65001, QZ_CONV_UTF8_TO_UTF16, "\xC0\xAFx\xFF", {}, "", {0xFFFD, 0xFFFD, 'x', 0xFFFD}},
+      {65001, QZ_CONV_UTF16_TO_UTF8, "", {'a', 0xD800, 'b', 0xDC00}, "a\xEF\xBF\xBD" "b\xEF\xBF\xBD", {}},
+      {65001, QZ_CONV_UTF16_TO_UTF8, "", {0xD83D}, "\xEF\xBF\xBD", {}},
+      {1252, QZ_CONV_UTF8_TO_MBCHAR, "a\xFF\xC3\xA9\xE4\xB8\xAD", {}, "a?\xE9?", {}},
+      {1252, QZ_CONV_UTF16_TO_MBCHAR, "", {0xDC00, 'x', 0x4E2D, 0}, std::string("?x?\0", 4), {}},
+      {1253, QZ_CONV_MBCHAR_TO_UTF16, "\xC1\xAA", {}, "", {0x391, 0xFFFD}},
+      {932, QZ_CONV_MBCHAR_TO_UTF16, "\x81\x20" "a\x81", {}, "", {0xFFFD, ' ', 'a', 0xFFFD}},
+      {932, QZ_CONV_MBCHAR_TO_UTF8, "\x93\xFA\xFF", {}, "\xE6\x97\xA5\xEF\xBF\xBD", {}},
+      {932, QZ_CONV_UTF16_TO_MBCHAR, "", {0x65E5, 0xE9, 0xD800, '\\'}, "\x93\xFA??\\", {}},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(testing::Message() << r.cp << " row " << (&r - rows));
+    ActivePage page(r.cp);
+    QzReleaseConverters();
+    switch (r.which) {
+      case QZ_CONV_UTF8_TO_UTF16: EXPECT_EQ(Via<unsigned short>(QZ_UTF8_TO_UTF16, r.in), r.wout); break;
+      case QZ_CONV_MBCHAR_TO_UTF16: EXPECT_EQ(Via<unsigned short>(QZ_MBCHAR_TO_UTF16, r.in), r.wout); break;
+      case QZ_CONV_UTF16_TO_UTF8: EXPECT_EQ(Str(Via<char>(QZ_UTF16_TO_UTF8, r.win)), r.out); break;
+      case QZ_CONV_UTF16_TO_MBCHAR: EXPECT_EQ(Str(Via<char>(QZ_UTF16_TO_MBCHAR, r.win)), r.out); break;
+      case QZ_CONV_UTF8_TO_MBCHAR: EXPECT_EQ(Str(Via<char>(QZ_UTF8_TO_MBCHAR, r.in)), r.out); break;
+      default: EXPECT_EQ(Str(Via<char>(QZ_MBCHAR_TO_UTF8, r.in)), r.out); break;
+    }
+  }
+}
+
+// Bad pointers and sizes: a negative result and the 16-bit side's size kept.
+// (The conversion fuzzer tries every other shape against the library's own
+// decoders.)
+TEST_F(Convert, BadArgumentsGiveANegativeResultAndNoStrayWrite) {
+  char text[] = "abc", out[8];
+  unsigned short wide[4];
+  unsigned int src = 2, dst = sizeof out;
   dst = 4;  // null pointers with sizes, and missing size pointers
   EXPECT_LT(QZ_UTF8_TO_UTF16(nullptr, &src, wide, &dst), 0);
   EXPECT_LT(QZ_UTF8_TO_UTF16(text, &src, nullptr, &dst), 0);
@@ -205,6 +233,10 @@ TEST_F(Convert, ComponentForHostsAndWhatItRefuses) {
   const struct { UINT from, to; HRESULT hr; const char* in; const char* out; } rows[] = {
       {51932, 65001, S_OK, "\xC6\xFC\xCB\xDC", "\xE6\x97\xA5\xE6\x9C\xAC"},
       {65001, 50220, S_OK, "\xE6\x97\xA5\xC3\xA9x", "\x1B$BF|\x1B(B?x"},
+      // Through iconv too, bad input and missing characters are substituted.
+      {51932, 65001, S_OK, "\xC6\xFC\xFFz", "\xE6\x97\xA5\xEF\xBF\xBDz"},
+      {51932, 1252, S_OK, "\xC6\xFCz", "?z"},
+      {65001, 50220, S_OK, "\xE6\x97\xA5\xFFx", "\x1B$BF|\x1B(B?x"},
       {0, 65001, S_OK, "ab", "ab"}, {65001, 4711, S_FALSE, "ab", ""}};
   for (const auto& r : rows) {
     ASSERT_EQ(Qz_CreateMLangConvertor(&c, r.from, r.to, 0), r.hr) << r.from;

@@ -5,6 +5,7 @@
 #include "../platform_text/TextTestSupport.h"
 
 using fmtcheck::ExpectA;
+using fmtcheck::ExpectPaddedA;
 using fmtcheck::ExpectW;
 using fmtcheck::W;
 using fmtcheck::WString;
@@ -28,7 +29,7 @@ TEST(FormatCodePage, JapaneseDoubleByte) {
   ActivePage page(932);
   WString nihon = W("\xE6\x97\xA5\xE6\x9C\xAC");  // "日本"
   ExpectA("\x93\xFA\x96\x7B", "%S", nihon.c_str());
-  ExpectA("  \x93\xFA\x96\x7B", "%6S", nihon.c_str());
+  ExpectPaddedA("\x93\xFA\x96\x7B", 6, "%6S", nihon.c_str());
   ExpectA("\x93\xFA", "%C", 0x65E5);
   ExpectA("  \x93\xFA|", "%3C|", 0x65E5);
   ExpectW("\xE6\x97\xA5\xE6\x9C\xAC", "%hs", "\x93\xFA\x96\x7B");

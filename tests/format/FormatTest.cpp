@@ -10,6 +10,7 @@
 #include "FormatCheck.h"
 
 using fmtcheck::ExpectA;
+using fmtcheck::ExpectPaddedA;
 using fmtcheck::ExpectBoth;
 using fmtcheck::ExpectW;
 using fmtcheck::W;
@@ -198,7 +199,7 @@ TEST(FormatOtherWidth, NarrowTextInTheWideEngine) {
   for (int i = 0; i < 40; ++i) u8 += "a\xC3\xA9\xE2\x98\xBA\xF0\x9F\x98\x80";
   const WString w = W(u8);
   ExpectA(u8, "%S", w.c_str());
-  ExpectA("  " + u8, "%*S", static_cast<int>(u8.size() + 2), w.c_str());
+  ExpectPaddedA(u8, u8.size() + 2, "%*S", static_cast<int>(u8.size() + 2), w.c_str());
   ExpectW(u8, "%hs", u8.c_str());
   ExpectW(u8 + "!", "%S!", u8.c_str());
 }
@@ -219,6 +220,19 @@ TEST(FormatCount, StoresTheCountSoFarAndNothingAfterTheCut) {
   EXPECT_EQ(-1, n);
   EXPECT_EQ(2, QZ_SNPRINTF_A(b, 3, "ab%n", &n));  // a full buffer is not a cut yet
   EXPECT_EQ(2, n);
+  // Text of the other width that the buffer cuts reports no cut itself: the
+  // %n behind it stores what was stored, padded from the cut length.
+  char b6[6];
+  unsigned short w6[6];
+  const WString wide = W("abcdefg"), wideFormat = W("%8hs%n|");
+  for (int i = 0; i < 2; ++i) {
+    n = -1;
+    const int r = i == 0 ? QZ_SNPRINTF_A(b6, 6, "%8S%n|", wide.c_str(), &n)
+                         : QZ_SNPRINTF_W(w6, 6, wideFormat.c_str(), "abcdefg", &n);
+    EXPECT_EQ(5, r);
+    EXPECT_EQ(5, n);
+    EXPECT_EQ("   ab", i == 0 ? std::string(b6) : std::string(w6, w6 + 5));
+  }
 }
 
 TEST(FormatBadInput, HugeWidthsAreBoundedAndLongFormatsWalked) {

@@ -1,10 +1,13 @@
 // The region checks and the guard they stand on.
+#include <errno.h>
 #include <signal.h>
 
 #include <functional>
+#include <memory>
 #include <thread>
 
 #include "FrameTestSupport.h"
+#include "QzTestSupport.h"
 
 namespace {
 
@@ -44,15 +47,23 @@ TEST(FrameRegion, PagesByTheirAccessRightsAndTheProbeStepOnFourThreadsAndBlocked
     pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     EXPECT_EQ(sigismember(&mask, SIGSEGV), blocked);
   };
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 3; ++t) threads.emplace_back(probeRows, 0);
-  sigset_t block, before;
-  sigemptyset(&block);
-  sigaddset(&block, SIGSEGV);
-  pthread_sigmask(SIG_BLOCK, &block, &before);
-  probeRows(1);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  for (auto& th : threads) th.join();
+  // The kernel's probes, then the guard's where a sandbox refuses them.
+  for (bool refused : {false, true}) {
+    std::unique_ptr<qztest::FaultScope> sandbox;
+    if (refused) sandbox.reset(new qztest::FaultScope(qzsys::QZ_FAULT_PROBE_SYSCALL));
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) threads.emplace_back(probeRows, 0);
+    sigset_t block, before;
+    sigemptyset(&block);
+    sigaddset(&block, SIGSEGV);
+    pthread_sigmask(SIG_BLOCK, &block, &before);
+    probeRows(1);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    for (auto& th : threads) th.join();
+    if (refused) {
+      EXPECT_GT(sandbox->hits(), 0u);
+    }
+  }
 }
 
 TEST(FrameRegion, SizeZeroFirstThenNullAndWildPointers) {
@@ -77,6 +88,7 @@ TEST(FrameRegion, SizeZeroFirstThenNullAndWildPointers) {
 
 TEST(FrameRegion, WriteCheckLeavesEveryWordAsItWas) {
   Pages pages;
+  errno = 1234;
   pages.Protect(1, Pages::kReadWrite);
   uint32_t* words = reinterpret_cast<uint32_t*>(pages.page(0));
   const uint32_t values[] = {0xA5, 0, 0x12345678u, 0xFFFFFFFFu, 0xA500};
@@ -87,6 +99,8 @@ TEST(FrameRegion, WriteCheckLeavesEveryWordAsItWas) {
   EXPECT_EQ(Qz_IsValidWriteRegion(pages.page(0), 2 * pages.size()), 1);
   EXPECT_EQ(memcmp(words, values, sizeof values), 0);
   EXPECT_EQ(pages.page(1)[0], 0xA5);
+  EXPECT_EQ(0, Qz_IsValidReadRegion(pages.page(2), 1));
+  EXPECT_EQ(1234, errno);  // a region check is no system call to its caller
 }
 
 // ---- The guard passes other signals on ------------------------------------------------
@@ -102,6 +116,8 @@ void HostProbingHandler(int, siginfo_t*, void*) {
   Pages pages;
   _exit(Qz_IsValidReadRegion(pages.page(2), 1) == 0 && Qz_IsValidReadRegion(pages.page(1), 1) == 1 ? 50 : 51);
 }
+
+void Touch(void* p) { *static_cast<volatile unsigned char*>(p) = 1; }
 
 // The host's plain handler (or SIG_IGN, SIG_DFL) or handler with details for
 // `sig`; then a real fault, or raise(); and how the child ends.
@@ -121,6 +137,7 @@ void HostThenGuardThenSignal(const GuardCase& c) {
   sigaction(c.sig, &sa, nullptr);
   Pages pages;
   if (Qz_IsValidReadRegion(pages.page(2), 1) != 0) _exit(3);
+  if (qzsys::QzGuardedCall(&Touch, pages.page(2))) _exit(4);  // installs the guard
   if (c.fault) *reinterpret_cast<volatile unsigned char*>(pages.page(2)) = 1;
   else raise(c.sig);
   _exit(7);
@@ -140,6 +157,77 @@ TEST(FrameGuardDeathTest, HandlersThatWereThereFirstStillSeeTheirSignals) {
 #endif
   };
   for (const GuardCase& c : cases) EXPECT_EXIT(HostThenGuardThenSignal(c), c.exit, "") << c.name;
+}
+
+// ---- Handlers that a host installs after the guard -----------------------------------
+struct sigaction g_hostReplaced;
+volatile sig_atomic_t g_hostCalls = 0;
+volatile sig_atomic_t g_outside = 0;  // the fault to come is outside every probe and guarded call
+
+void HostLaterHandler(int sig, siginfo_t*, void*) { _exit(g_outside ? 70 + sig : 98); }
+// A host handler that chains to the one it replaced, as a well-behaved one does.
+void HostChainingHandler(int sig, siginfo_t* info, void* context) {
+  if (!g_outside) _exit(98);         // took a fault of the guard's
+  if (++g_hostCalls > 1) _exit(99);  // came round again: the chain loops
+  g_hostReplaced.sa_sigaction(sig, info, context);
+}
+
+void InstallHost(void (*handler)(int, siginfo_t*, void*)) {
+  struct sigaction sa;
+  memset(&sa, 0, sizeof sa);
+  sigemptyset(&sa.sa_mask);
+  sa.sa_sigaction = handler;
+  sa.sa_flags = SA_SIGINFO;
+  sigaction(SIGSEGV, &sa, &g_hostReplaced);
+}
+
+// A host handler before the guard, the guard, a second host handler after it:
+// probes and guarded calls still come back, and a fault outside them reaches
+// the newest host handler and, through its chain, the oldest, once each.
+void GuardThenHost(void (*later)(int, siginfo_t*, void*)) {
+  InstallHost(&HostInfoHandler);
+  Pages pages;
+  if (qzsys::QzGuardedCall(&Touch, pages.page(2))) _exit(4);
+  InstallHost(later);
+  for (bool refused : {false, true}) {  // kernel probes and guarded probes alike
+    if (refused) qzsys::QzFaultArm(qzsys::QZ_FAULT_PROBE_SYSCALL, 0, qzsys::QZ_FAULT_ALWAYS);
+    if (Qz_IsValidReadRegion(pages.page(2), 1) != 0 || Qz_IsValidWriteRegion(pages.page(1), 4) != 0) _exit(3);
+  }
+  if (qzsys::QzGuardedCall(&Touch, pages.page(2))) _exit(4);
+  g_outside = 1;
+  Touch(pages.page(2));
+  _exit(7);
+}
+
+TEST(FrameGuardDeathTest, HandlersInstalledAfterTheGuardNeverTakeItsFaults) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(GuardThenHost(&HostLaterHandler), testing::ExitedWithCode(70 + SIGSEGV), "") << "plain";
+  EXPECT_EXIT(GuardThenHost(&HostChainingHandler), testing::ExitedWithCode(40 + SIGSEGV), "") << "chaining";
+}
+
+// What detach does to the handlers: the ones the guard replaced come back,
+// and a later guarded call installs the guard again.
+TEST(FrameGuard, ReleaseGivesTheHandlersBackAndCallsNest) {
+  qzsys::QzGuardRelease();  // whatever earlier tests installed
+  struct sigaction before, during, after;
+  sigaction(SIGBUS, nullptr, &before);
+  Pages pages;
+  struct Nest { unsigned char* bad; bool inner; } nest = {pages.page(2), true};
+  EXPECT_TRUE(qzsys::QzGuardedCall(
+      [](void* n) {
+        Nest* x = static_cast<Nest*>(n);
+        x->inner = qzsys::QzGuardedCall(&Touch, x->bad);  // caught inside; the outer call goes on
+      },
+      &nest));
+  EXPECT_FALSE(nest.inner);
+  EXPECT_FALSE(qzsys::QzGuardedCall([](void*) { __builtin_trap(); }, nullptr));  // SIGILL
+  sigaction(SIGBUS, nullptr, &during);
+  EXPECT_NE(before.sa_sigaction, during.sa_sigaction);
+  qzsys::QzGuardRelease();
+  sigaction(SIGBUS, nullptr, &after);
+  EXPECT_EQ(before.sa_sigaction, after.sa_sigaction);
+  EXPECT_EQ(before.sa_flags & SA_SIGINFO, after.sa_flags & SA_SIGINFO);
+  EXPECT_FALSE(qzsys::QzGuardedCall(&Touch, pages.page(2)));
 }
 
 }  // namespace

@@ -221,6 +221,120 @@ TEST(HeapGrowth, UnrelatedRegionsCloseSegmentsUnusedOnesGoBackTopTrims) {
   EXPECT_LE(p.h->topSize, p.G);
 }
 
+// A segment whose first chunk is reserve: a region placed right before it
+// serves the request at its start and hands the rest to reserve.
+TEST(HeapGrowth, PrependingOntoReserve) {
+  Placed p(4);
+  ASSERT_EQ(1, Qz_MempoolOpt(nullptr, -3, -1));
+  FillTop(p.h);
+  p.Next(20);
+  void* x = QzHeapAlloc(p.h, kStep);  // first chunk of segment B
+  ASSERT_EQ(p.At(20) + QZ_CHUNK_OVERHEAD, Addr(x));
+  QzHeapAlloc(p.h, Report(p.h).freeBytes - QZ_CHUNK_OVERHEAD);  // the closed segment's rest, so x is the only tree chunk
+  QzHeapAlloc(p.h, 100);  // keeps x apart from top
+  QzHeapFree(x);
+  QzHeapFree(QzHeapAlloc(p.h, 100));  // split from x, reserve behind it; freed, joins reserve
+  ASSERT_EQ(ChunkOf(x), p.h->reserve);
+  const size_t reserveSize = p.h->reserveSize;
+  p.Next(17);
+  void* b = QzHeapAlloc(p.h, 2 * p.G + p.G / 2);
+  ASSERT_EQ(p.At(17) + QZ_CHUNK_OVERHEAD, Addr(b));
+  EXPECT_EQ(Addr(ChunkOf(b)) + ChunkSizeOf(b), Addr(p.h->reserve));
+  EXPECT_EQ(reserveSize + (p.At(20) - Addr(p.h->reserve)), p.h->reserveSize);
+  EXPECT_EQ(p.At(17), p.h->firstSegment.base);
+  EXPECT_EQ(4 * p.G, p.h->firstSegment.size);
+  EXPECT_HEAP_OK(p.h);
+  QzHeapFree(b);  // back in front of reserve: the two join
+  EXPECT_EQ(ChunkOf(b), p.h->reserve);
+  EXPECT_EQ(p.At(20) + reserveSize - Addr(ChunkOf(b)), p.h->reserveSize);
+  EXPECT_HEAP_OK(p.h);
+}
+
+// A reset heap grows into a region below its forgotten memory: top starts
+// there, and the old blocks it can no longer vouch for change nothing.
+TEST(HeapGrowth, AfterAResetGrowthBelowTheOldMemory) {
+  Placed p(10);
+  ASSERT_EQ(1, Qz_MempoolOpt(nullptr, -3, -1));
+  std::vector<void*> old;
+  for (size_t n : {100, 2000, 100, 5000, 100}) old.push_back(QzHeapAlloc(p.h, n));
+  QzHeapFree(old[1]);  // free neighbours in the forgotten memory
+  QzHeapFree(old[3]);
+  QzHeapResetOnCorruption(p.h);
+  p.Next(2);
+  void* fresh = QzHeapAlloc(p.h, 2000);
+  ASSERT_EQ(p.At(2) + QZ_CHUNK_OVERHEAD, Addr(fresh));
+  EXPECT_EQ(p.At(2), p.h->lowestAddress);
+  EXPECT_EQ(p.At(2), p.h->firstSegment.base);
+  EXPECT_EQ(nullptr, p.h->firstSegment.next);
+  EXPECT_HEAP_OK(p.h);
+  const QzHeapCheckReport before = Report(p.h);
+  for (void* b : {old[0], old[2], old[4]}) QzHeapFree(b);
+  EXPECT_HEAP_OK(p.h);
+  EXPECT_EQ(before.freeBytes, Report(p.h).freeBytes);
+  std::vector<void*> more;
+  for (size_t n : {100, 2000, 5000, 100}) {
+    more.push_back(QzHeapAlloc(p.h, n));
+    EXPECT_GE(Addr(more.back()), p.At(2)) << n;
+    EXPECT_LT(Addr(more.back()), p.At(3)) << n;
+  }
+  for (void* b : more) QzHeapFree(b);
+  QzHeapFree(fresh);
+  EXPECT_HEAP_OK(p.h);
+}
+
+TEST(HeapFailure, DirectMappingFailsAndASegmentServesTheRequest) {
+  ScopedHeap h;
+  const size_t G = Granule();
+  const size_t footprint = h->footprint;
+  void* b;
+  {
+    qztest::FaultScope fail(qzsys::QZ_FAULT_VIRTUAL_ALLOC, 0, 1);  // the mapping only
+    b = QzHeapAlloc(h, 3 * G);
+    EXPECT_EQ(1u, fail.hits());
+  }
+  ASSERT_NE(nullptr, b);
+  EXPECT_NE(0u, ChunkOf(b)->sizeWord & QZ_INUSE_BITS);  // an ordinary chunk, not a mapping
+  EXPECT_EQ(footprint + 4 * G, h->footprint);
+  EXPECT_EQ(2u, Report(h).segments);
+  EXPECT_HEAP_OK(h);
+  QzHeapFree(b);
+  EXPECT_HEAP_OK(h);
+}
+
+// A closed segment that became one free chunk: a failing release puts the
+// chunk back into its bin, and a later one gives the segment back.
+TEST(HeapFailure, ReleaseOfAnUnusedSegmentFailsAndTheChunkGoesBack) {
+  Placed p(4);
+  FillTop(p.h);
+  p.Next(10);
+  std::vector<void*> inB{QzHeapAlloc(p.h, kStep)};
+  std::vector<void*> more = FillTop(p.h);
+  inB.insert(inB.end(), more.begin(), more.end());
+  p.Next(20);
+  ASSERT_NE(nullptr, QzHeapAlloc(p.h, kStep));
+  for (void* b : inB) QzHeapFree(b);
+  const size_t footprint = p.h->footprint;
+  const QzHeapCheckReport before = Report(p.h);
+  ASSERT_EQ(3u, before.segments);
+  QzSpinLockAcquire(&p.h->lock);
+  {
+    qztest::FaultScope fail(qzsys::QZ_FAULT_VIRTUAL_FREE);
+    EXPECT_EQ(0u, QzHeapReleaseUnused(p.h));
+    EXPECT_GT(fail.hits(), 0u);
+  }
+  EXPECT_EQ(footprint, p.h->footprint);
+  EXPECT_HEAP_OK(p.h);
+  const QzHeapCheckReport after = Report(p.h);
+  EXPECT_EQ(before.segments, after.segments);
+  EXPECT_EQ(before.freeChunks, after.freeChunks);
+  EXPECT_EQ(before.freeBytes, after.freeBytes);
+  EXPECT_EQ(p.G, QzHeapReleaseUnused(p.h));
+  QzSpinLockRelease(&p.h->lock);
+  EXPECT_EQ(footprint - p.G, p.h->footprint);
+  EXPECT_EQ(2u, Report(p.h).segments);
+  EXPECT_HEAP_OK(p.h);
+}
+
 TEST(HeapFailure, VirtualAllocFailingLeavesTheHeapIntact) {
   ScopedHeap h;
   std::vector<void*> blocks = FillTop(h);

@@ -2,15 +2,14 @@
 // flush, size; stale and made-up handles; the failure switches.
 #include "FileTestSupport.h"
 
+#include <atomic>
 #include <functional>
+#include <thread>
 
 #include "platform/posix/FileObject.h"
 
 using namespace qzfiletest;
-using qztest::FaultScope;
-using qztest::ReadAll;
-using qztest::TempFolder;
-using qztest::WriteAll;
+using namespace qztest;
 
 namespace {
 
@@ -162,6 +161,36 @@ TEST(PlatformFileIo, ClosedAndMadeUpHandlesFailWithInvalidHandle) {
   EXPECT_TRUE(CloseHandle(reuse));
 }
 
+TEST(PlatformFileIo, CloseUnderAReadInAnotherThreadNeverReachesTheNextFile) {
+  TempFolder dir;
+  WriteAll(dir / "a", "A");
+  WriteAll(dir / "b", "B");
+  HANDLE h = Open(dir / "a", kRead, FILE_SHARE_READ);
+  ASSERT_TRUE(Valid(h));
+  std::atomic<int> reads{0};
+  std::atomic<bool> sawOther{false};
+  DWORD lastError = 0;
+  std::thread reader([&] {
+    for (int i = 0; i < 10000000; ++i) {
+      char c = 0;
+      DWORD n = 0;
+      if (SetFilePointer(h, 0, nullptr, FILE_BEGIN) != 0 || !ReadFile(h, &c, 1, &n, nullptr)) {
+        lastError = GetLastError();
+        return;
+      }
+      if (n == 1 && c != 'A') sawOther = true;
+      reads++;
+    }
+  });
+  while (reads.load() < 10) std::this_thread::yield();
+  ASSERT_TRUE(CloseHandle(h));
+  // Likely to get the descriptor number the reader's object had.
+  Handle next(Open(dir / "b", kRead, FILE_SHARE_READ));
+  reader.join();
+  EXPECT_FALSE(sawOther.load());
+  EXPECT_EQ(lastError, ERROR_INVALID_HANDLE);
+}
+
 TEST(PlatformFileIo, FailureSwitchesFailTheirCallAndTouchNothing) {
   TempFolder dir;
   std::string path = dir / "f";
@@ -193,7 +222,7 @@ TEST(PlatformFileIo, FailureSwitchesFailTheirCallAndTouchNothing) {
   FaultScope open(QZ_FAULT_CREATE_FILE);
   EXPECT_EQ(Open(dir / "g", kWrite, 0, CREATE_NEW), QZ_INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-  EXPECT_FALSE(qztest::Exists(dir / "g"));
+  EXPECT_FALSE(Exists(dir / "g"));
 }
 
 TEST(PlatformFileIo, ShortWriteSwitchWritesHalfAndSaysSo) {

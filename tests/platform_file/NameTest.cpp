@@ -8,11 +8,7 @@
 #include <thread>
 
 using namespace qzfiletest;
-using qztest::Exists;
-using qztest::FaultScope;
-using qztest::ReadAll;
-using qztest::TempFolder;
-using qztest::WriteAll;
+using namespace qztest;
 
 namespace {
 
@@ -147,32 +143,13 @@ TEST(PlatformFileNames, MoveAcrossFileSystemsCopiesThenRemoves) {
   EXPECT_TRUE(DeleteFileA(other.c_str()));
 }
 
-// Sets or clears TMPDIR for one scope.
-class TmpDirScope {
- public:
-  explicit TmpDirScope(const char* value) {
-    const char* old = getenv("TMPDIR");
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    if (value != nullptr) setenv("TMPDIR", value, 1);
-    else unsetenv("TMPDIR");
-  }
-  ~TmpDirScope() {
-    if (had_) setenv("TMPDIR", old_.c_str(), 1);
-    else unsetenv("TMPDIR");
-  }
- private:
-  bool had_;
-  std::string old_;
-};
-
 TEST(PlatformFileTemp, TempPathEndsInOneSeparatorAndReportsTheSizeItNeeds) {
   const struct {
     const char* tmpdir;
     const char* expected;
   } rows[] = {{nullptr, "/tmp/"}, {"", "/tmp/"}, {"/var/x", "/var/x/"}, {"/var/x/", "/var/x/"}, {"/", "/"}};
   for (const auto& r : rows) {
-    TmpDirScope scope(r.tmpdir);
+    EnvScope scope("TMPDIR", r.tmpdir);
     char buffer[MAX_PATH];
     DWORD n = GetTempPathA(MAX_PATH, buffer);
     EXPECT_EQ(n, strlen(r.expected));
@@ -231,6 +208,24 @@ TEST(PlatformFileTemp, NamesAreMadeExclusivelyAndNeverRepeatAcrossThreads) {
     }
   }
   EXPECT_EQ(all.size(), size_t(2 * kPerThread));
+}
+
+TEST(PlatformFileTemp, AnExistingNameIsSkippedNotReused) {
+  // Numbers come one after another within the process; plant the next two.
+  TempFolder dir;
+  char name[MAX_PATH], planted[2][MAX_PATH];
+  UINT n = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
+  ASSERT_NE(n, 0u);
+  for (UINT i = 0; i < 2; ++i) {
+    GetTempFileNameA(dir.path().c_str(), "TFR", ((n + 1 + i) & 0xFFFF) == 0 ? 1 : n + 1 + i, planted[i]);
+    WriteAll(planted[i], "keep");
+  }
+  UINT m = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
+  ASSERT_NE(m, 0u);
+  for (const char* p : planted) {
+    EXPECT_STRNE(name, p);
+    EXPECT_EQ(ReadAll(p), "keep");
+  }
 }
 
 TEST(PlatformFileTemp, NameRulesAndFailures) {

@@ -1,11 +1,11 @@
 // Share modes between handles of this process, and against delete and move.
 #include "FileTestSupport.h"
 
+#include <atomic>
+#include <thread>
+
 using namespace qzfiletest;
-using qztest::Exists;
-using qztest::ReadAll;
-using qztest::TempFolder;
-using qztest::WriteAll;
+using namespace qztest;
 
 namespace {
 
@@ -102,6 +102,36 @@ TEST(PlatformFileShare, DeleteAndMoveNeedDeleteSharingFromEveryOpen) {
     EXPECT_TRUE(DeleteFileA((dir / "g").c_str()));
   }
   EXPECT_FALSE(Exists(dir / "g"));
+}
+
+TEST(PlatformFileShare, ExclusiveOpensExcludeEachOtherAcrossThreads) {
+  // Two threads race to hold the file alone; whoever holds it must be alone,
+  // and whoever is refused must be told so.
+  TempFolder dir;
+  std::string path = dir / "f";
+  WriteAll(path, "");
+  std::atomic<int> holders{0}, overlaps{0}, wins{0}, refusals{0}, otherErrors{0};
+  auto race = [&] {
+    for (int i = 0; i < 200; ++i) {
+      HANDLE h = Open(path, kBoth, 0);
+      if (!Valid(h)) {
+        (GetLastError() == ERROR_SHARING_VIOLATION ? refusals : otherErrors)++;
+        continue;
+      }
+      if (holders.fetch_add(1) != 0) overlaps++;
+      wins++;
+      WriteHandle(h, "x");
+      holders.fetch_sub(1);
+      CloseHandle(h);
+    }
+  };
+  std::thread other(race);
+  race();
+  other.join();
+  EXPECT_EQ(overlaps.load(), 0);
+  EXPECT_EQ(otherErrors.load(), 0);
+  EXPECT_EQ(wins.load() + refusals.load(), 400);
+  EXPECT_EQ(ReadAll(path), "x");
 }
 
 }  // namespace

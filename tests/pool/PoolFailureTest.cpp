@@ -53,6 +53,31 @@ TEST_F(PoolFailure, AHeapThatCannotBeMadeLeavesTheThreadWaitingOnItsOwn) {
   EXPECT_EQ(c->heapIndex, 0);
 }
 
+// No room in the first heap for a cache record and no memory to grow: the
+// thread goes on uncached on heap 0, for good.
+TEST_F(PoolFailure, ACacheRecordThatCannotBeMadeLeavesTheThreadUncached) {
+  QzHeap* h0 = pool->heaps[0].load();
+  std::vector<void*> filler;
+  {
+    FaultScope fault(qzsys::QZ_FAULT_VIRTUAL_ALLOC);
+    for (size_t n = size_t(1) << 20; n >= 16; n /= 2)
+      while (void* b = QzHeapAlloc(h0, n)) filler.push_back(b);
+    OnNewThread([&] {
+      EXPECT_EQ(Qz_MempoolAlloc(pool, 100), nullptr);  // uncached, and heap 0 is full
+      EXPECT_EQ(QzPoolSlotValue(pool), -1);
+      EXPECT_EQ(MyCache(pool), nullptr);
+      qzsys::QzFaultDisarm(qzsys::QZ_FAULT_VIRTUAL_ALLOC);  // memory comes back
+      void* b = Qz_MempoolAlloc(pool, 100);
+      EXPECT_NE(b, nullptr);
+      EXPECT_EQ(HeapIndexOf(pool, b), 0);
+      Qz_MempoolFree(pool, b);
+      EXPECT_EQ(QzPoolSlotValue(pool), -1);  // still uncached
+    });
+  }
+  for (void* b : filler) QzHeapFree(b);
+  EXPECT_EQ(PoolProblem(pool), "");
+}
+
 TEST(PoolFatal, FailingTlsSetValueOrDefaultPoolSetUpEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const struct { const char* name; void (*run)(); } rows[] = {

@@ -11,6 +11,7 @@ namespace {
 
 typedef QzStringT<char> A;
 typedef QzStringT<unsigned short> W;
+typedef Model<unsigned short> WM;
 const unsigned kAll = 0xFFFFFFFFu, kAny = 0xFFFFFFFEu;
 
 // A private block of exactly `text`, with room for `capacityFor` characters.
@@ -266,12 +267,30 @@ TEST(EditMixedWidths, ConvertInPlaceOrIntoANewBlock) {
 }
 
 TEST(EditNarrow, CharactersAreWholeInTheCodePage) {
-  A utf8("caf\xC3\xA9 \xC3\xA9t\xC3\xA9");
-  EXPECT_EQ(utf8.replace("\xC3\xA9", 2u, "e", 1u), 3u);
-  EXPECT_EQ(Text(utf8), std::string("cafe ete"));
+  // The text replacements compare as the runtime's _mbsncmp does: the count
+  // is taken as characters and a 0 ends the compare. So 2 bytes of "é" are
+  // compared as two characters, the second being the terminator of `from`:
+  // only an "é" at the end of the text (or before a 0) matches.
+  const struct { const char* text; unsigned n; const char* from; unsigned fromCount; unsigned hits; std::string after; }
+      rows[] = {
+          {"\xC3\xA9" "a", 3, "\xC3\xA9", 2, 0, "\xC3\xA9" "a"},
+          {"caf\xC3\xA9 \xC3\xA9t\xC3\xA9", 11, "\xC3\xA9", 2, 1, "caf\xC3\xA9 \xC3\xA9te"},
+          // One character matches, but the hit covers only fromCount bytes:
+          // the trail byte stays, as the runtime's rules give it.
+          {"\xC3\xA9\xC3\xA9", 4, "\xC3\xA9", 1, 2, "e\xA9" "e\xA9"},
+          {"a\0y", 3, "a\0x", 3, 1, "e"},                      // the compare stops at the 0s
+      };
+  for (const auto& r : rows) {
+    A a(r.text, r.n);
+    EXPECT_EQ(a.replace(r.from, r.fromCount, "e", 1u), r.hits) << r.text;
+    EXPECT_EQ(Text(a), r.after) << r.text;
+  }
+  W zero(WM({'a', 0, 'y'}).c_str(), 3u);
+  EXPECT_EQ(zero.replace(WM({'a', 0, 'x'}).c_str(), 3u, WM({'Q'}).c_str(), 1u), 1u);
+  EXPECT_EQ(Text(zero), WM({'Q'}));
   A upper("CAF\xC3\x89 caf\xC3\xA9");
-  EXPECT_EQ(upper.replaceIgnoreCase("caf\xC3\xA9", 5u, "x", 1u), 2u);
-  EXPECT_EQ(Text(upper), std::string("x x"));
+  EXPECT_EQ(upper.replaceIgnoreCase("caf\xC3\xA9", 5u, "x", 1u), 1u);
+  EXPECT_EQ(Text(upper), std::string("CAF\xC3\x89 x"));
   A high("\xA0x\xA0");  // high bytes are not white space
   high.selfTrimWhiteSpaceLeft().selfTrimWhiteSpaceRight();
   EXPECT_EQ(Text(high), std::string("\xA0x\xA0"));

@@ -49,6 +49,9 @@ TYPED_TEST(Search, BoundsZerosAndBadInput) {
       {__LINE__, abcab, abcab.find_last_of(t("c\0", 2), kNone, 2), 5},
       {__LINE__, abcab, abcab.find_last_of(t("c\0", 2), 4, 2), 2},
       {__LINE__, abcab, abcab.find_last_of(t("ab"), kNone, 0), kNone},
+      {__LINE__, abcab, abcab.reverseFind(T('c'), 2), 2},  // pos is inclusive: the character's own place
+      {__LINE__, abcab, abcab.reverseFind(a, 3), 3},
+      {__LINE__, abcab, abcab.reverseFind(T('c'), 1), kNone},
       {__LINE__, abcabc, abcabc.reverseFind(z, kNone), 6},
       {__LINE__, abcabc, abcabc.reverseFind(z, 5), kNone},
       // reverseFind(text): pos is an exclusive end.

@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -101,7 +102,23 @@ DWORD GetCurrentThreadId() {
   return __builtin_expect(id != 0, 1) ? id : FetchThreadId();
 }
 
-DWORD GetCurrentProcessId() { return static_cast<DWORD>(getpid()); }
+namespace {
+// The C library no longer caches the process id, and every log line asks for
+// it; a child made by fork starts again from 0.
+std::atomic<DWORD> g_processId{0};
+void ForgetProcessId() { g_processId.store(0, std::memory_order_relaxed); }
+}  // namespace
+
+DWORD GetCurrentProcessId() {
+  DWORD pid = g_processId.load(std::memory_order_relaxed);
+  if (__builtin_expect(pid == 0, 0)) {
+    static const int registered = pthread_atfork(nullptr, nullptr, &ForgetProcessId);
+    (void)registered;
+    pid = static_cast<DWORD>(getpid());
+    g_processId.store(pid, std::memory_order_relaxed);
+  }
+  return pid;
+}
 
 DWORD GetTickCount() {
   struct timespec ts;

@@ -88,130 +88,259 @@ Decoded DecodeOne(UINT page, const unsigned char* p, size_t avail) {
   return {1, t->single[p[0]]};
 }
 
+// ---- Pages the library converts itself ---------------------------------------
+// UTF-8, UTF-16, UTF-32 and the single- and double-byte pages with tables are
+// read and written here, character by character, without iconv: a character
+// the destination lacks or a bad sequence costs no more than any other, and
+// measuring costs what converting does. 1255 and 1258 stay with iconv, which
+// joins a letter and its accent into one character.
+enum NativeKind { kNotNative, kUtf8Page, kUtf16LE, kUtf16BE, kUtf32LE, kUtf32BE, kTablePage };
+
+struct NativePage {
+  NativeKind kind;
+  const text::PageTable* table;
+};
+
+NativePage FindNative(UINT page) {
+  switch (page) {
+    case CP_UTF8: return {kUtf8Page, nullptr};
+    case 1200: return {kUtf16LE, nullptr};
+    case 1201: return {kUtf16BE, nullptr};
+    case 12000: return {kUtf32LE, nullptr};
+    case 12001: return {kUtf32BE, nullptr};
+    case 1255:
+    case 1258: return {kNotNative, nullptr};
+    default: break;
+  }
+  const text::PageTable* t = text::GetTable(page);
+  return {t ? kTablePage : kNotNative, t};
+}
+
+constexpr uint32_t kReplacement = 0xFFFD;
+
+// One character at p (avail > 0, and a whole unit for UTF-16/32): its length,
+// and its code point in *cp, U+FFFD for an invalid or cut sequence, whose
+// length is that of the bad part (as MultiByteToWideChar skips it).
+template <NativeKind K>
+inline unsigned Decode(const text::PageTable* t, const unsigned char* p, size_t avail, uint32_t* cp) {
+  if (K == kUtf8Page) {
+    if (p[0] < 0x80) {
+      *cp = p[0];
+      return 1;
+    }
+    unsigned bad = 1;
+    unsigned len = text::DecodeUtf8(p, avail, cp, &bad);
+    if (len) return len;
+    *cp = kReplacement;
+    return bad ? bad : 1;
+  } else if (K == kUtf16LE || K == kUtf16BE) {
+    auto unit = [p](size_t i) -> uint32_t {
+      return K == kUtf16LE ? (p[i] | p[i + 1] << 8) : (p[i] << 8 | p[i + 1]);
+    };
+    uint32_t u = unit(0);
+    if (u < 0xD800 || u > 0xDFFF) {
+      *cp = u;
+      return 2;
+    }
+    if (u <= 0xDBFF && avail >= 4) {
+      uint32_t lo = unit(2);
+      if (lo >= 0xDC00 && lo <= 0xDFFF) {
+        *cp = 0x10000 + ((u - 0xD800) << 10) + (lo - 0xDC00);
+        return 4;
+      }
+    }
+    *cp = kReplacement;
+    return 2;
+  } else if (K == kUtf32LE || K == kUtf32BE) {
+    uint32_t v = K == kUtf32LE ? (p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24)
+                               : (static_cast<uint32_t>(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3]);
+    *cp = (v > 0x10FFFF || (v >= 0xD800 && v <= 0xDFFF)) ? kReplacement : v;
+    return 4;
+  } else {
+    unsigned b = p[0];
+    if (t->lead[b]) {
+      WCHAR w = avail >= 2 ? t->pairs[b << 8 | p[1]] : 0;
+      if (w) {
+        *cp = w;
+        return 2;
+      }
+      // A bad pair whose second byte is of the trail range goes as one.
+      *cp = kReplacement;
+      return avail >= 2 && p[1] >= 0x40 ? 2 : 1;
+    }
+    WCHAR w = t->single[b];
+    *cp = (w || !b) ? w : kReplacement;
+    return 1;
+  }
+}
+
+// The bytes of cp into out (room for 4); a page that lacks cp gets its
+// default character '?'.
+template <NativeKind K>
+inline unsigned Encode(const text::PageTable* t, uint32_t cp, unsigned char* out) {
+  if (K == kUtf8Page) {
+    if (cp < 0x80) {
+      out[0] = static_cast<unsigned char>(cp);
+      return 1;
+    }
+    return text::EncodeUtf8(cp, out);
+  } else if (K == kUtf16LE || K == kUtf16BE) {
+    auto put = [out](unsigned i, uint32_t u) {
+      out[i] = static_cast<unsigned char>(K == kUtf16LE ? u : u >> 8);
+      out[i + 1] = static_cast<unsigned char>(K == kUtf16LE ? u >> 8 : u);
+    };
+    if (cp < 0x10000) {
+      put(0, cp);
+      return 2;
+    }
+    put(0, 0xD800 + ((cp - 0x10000) >> 10));
+    put(2, 0xDC00 + ((cp - 0x10000) & 0x3FF));
+    return 4;
+  } else if (K == kUtf32LE || K == kUtf32BE) {
+    for (int i = 0; i < 4; ++i) out[K == kUtf32LE ? i : 3 - i] = static_cast<unsigned char>(cp >> (8 * i));
+    return 4;
+  } else {
+    uint16_t code = cp < 0x10000 ? t->encode[cp] : 0;
+    if (!code) {
+      out[0] = cp == 0 ? 0 : '?';
+      return 1;
+    }
+    if (code < 0x100) {
+      out[0] = static_cast<unsigned char>(code);
+      return 1;
+    }
+    out[0] = static_cast<unsigned char>(code >> 8);
+    out[1] = static_cast<unsigned char>(code);
+    return 2;
+  }
+}
+
 // The bytes of code point cp in `page` into out[0..3], the page's default
 // character '?' where it lacks cp. 0 when the library cannot write the page
 // itself (stateful pages such as ISO-2022-JP).
 unsigned EncodeOne(UINT page, uint32_t cp, unsigned char* out) {
-  if (page == 1200 || page == 1201) {
-    uint16_t units[2];
-    unsigned n = 1;
-    if (cp >= 0x10000) {
-      units[0] = static_cast<uint16_t>(0xD800 + ((cp - 0x10000) >> 10));
-      units[1] = static_cast<uint16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF));
-      n = 2;
-    } else {
-      units[0] = static_cast<uint16_t>(cp);
-    }
-    for (unsigned i = 0; i < n; ++i) {
-      unsigned char lo = static_cast<unsigned char>(units[i]), hi = static_cast<unsigned char>(units[i] >> 8);
-      out[2 * i] = page == 1200 ? lo : hi;
-      out[2 * i + 1] = page == 1200 ? hi : lo;
-    }
-    return 2 * n;
+  const NativePage np = FindNative(page);
+  switch (np.kind) {
+    case kUtf8Page: return Encode<kUtf8Page>(nullptr, cp, out);
+    case kUtf16LE: return Encode<kUtf16LE>(nullptr, cp, out);
+    case kUtf16BE: return Encode<kUtf16BE>(nullptr, cp, out);
+    case kUtf32LE: return Encode<kUtf32LE>(nullptr, cp, out);
+    case kUtf32BE: return Encode<kUtf32BE>(nullptr, cp, out);
+    case kTablePage: return Encode<kTablePage>(np.table, cp, out);
+    default: break;
   }
-  if (page == 12000 || page == 12001) {
-    for (int i = 0; i < 4; ++i) {
-      unsigned char b = static_cast<unsigned char>(cp >> (8 * i));
-      out[page == 12000 ? i : 3 - i] = b;
-    }
-    return 4;
-  }
-  const PageInfo* info = text::FindPage(page);
-  if (!info) return 0;
-  if (info->kind == text::kUtf8) return text::EncodeUtf8(cp, out);
-  const text::PageTable* t = text::GetTable(page);
-  if (!t) return 0;
-  uint16_t code = cp < 0x10000 ? t->encode[cp] : 0;
-  if (!code) {
-    out[0] = '?';
-    return 1;
-  }
-  if (code < 0x100) {
-    out[0] = static_cast<unsigned char>(code);
-    return 1;
-  }
-  out[0] = static_cast<unsigned char>(code >> 8);
-  out[1] = static_cast<unsigned char>(code);
-  return 2;
+  if (const text::PageTable* t = text::GetTable(page)) return Encode<kTablePage>(t, cp, out);  // 1255, 1258
+  // The other pages iconv writes are ASCII below 0x80 in their initial
+  // state; anything else is left to iconv.
+  if (!text::FindPage(page) || cp >= 0x80 || page == 50220) return 0;
+  out[0] = static_cast<unsigned char>(cp);
+  return 1;
 }
 
-// Measuring between UTF-8 and UTF-16, and from a table page to either, needs
-// no conversion: the library's own decoders (which agree with iconv on what
-// is valid) count the result at a fraction of the cost. Returns false for
-// other pairs.
-bool MeasureUnicode(UINT from, UINT to, const unsigned char* in, size_t len, size_t* needed, bool* invalid) {
-  size_t n = 0;
-  *invalid = false;
-  if (from == CP_UTF8 && to == 1200) {
-    for (size_t i = 0; i < len;) {
-      if (in[i] < 0x80) {
-        n += 2;
-        ++i;
+// Bytes that Encode<K> gives for cp, without writing them.
+template <NativeKind K>
+inline unsigned EncodedLength(const text::PageTable* t, uint32_t cp) {
+  if (K == kUtf8Page) return cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
+  if (K == kUtf16LE || K == kUtf16BE) return cp < 0x10000 ? 2 : 4;
+  if (K == kUtf32LE || K == kUtf32BE) return 4;
+  return cp < 0x10000 && t->encode[cp] >= 0x100 ? 2 : 1;
+}
+
+// Converts in[0..inLen) (whole units of the source) into `out`, or counts the
+// bytes (Measure). A destination that fills up keeps the whole characters
+// that fit: *consumed and the result say how far it got.
+template <NativeKind From, NativeKind To, bool Measure>
+size_t NativeLoop(const text::PageTable* ft, const text::PageTable* tt, const unsigned char* in, size_t inLen,
+                  unsigned char* out, size_t cap, size_t* consumed) {
+  size_t i = 0, n = 0;
+  unsigned char bytes[4];
+  constexpr bool kByteFrom = From == kUtf8Page || From == kTablePage;
+  constexpr bool kByteTo = To == kUtf8Page || To == kTablePage;
+  while (i < inLen) {
+    // ASCII, the common case, without the general decoder and encoder.
+    if ((kByteFrom && (kByteTo || To == kUtf16LE)) || (From == kUtf16LE && kByteTo)) {
+      const unsigned b = in[i];
+      const unsigned step = From == kUtf16LE ? 2 : 1;
+      if (b < 0x80 && (From != kUtf16LE || in[i + 1] == 0) && (From != kTablePage || ft->single[b] == b) &&
+          (To != kTablePage || tt->encode[b] == b)) {
+        const unsigned k = To == kUtf16LE ? 2 : 1;
+        if (!Measure) {
+          if (cap - n < k) break;
+          out[n] = static_cast<unsigned char>(b);
+          if (k == 2) out[n + 1] = 0;
+        }
+        n += k;
+        i += step;
         continue;
       }
-      uint32_t cp;
-      unsigned bad;
-      unsigned k = text::DecodeUtf8(in + i, len - i, &cp, &bad);
-      if (!k) {
-        *invalid = true;
-        return true;
-      }
-      n += cp >= 0x10000 ? 4 : 2;
-      i += k;
     }
-  } else if (from == 1200 && to == CP_UTF8) {
-    for (size_t i = 0; i + 1 < len; i += 2) {
-      uint32_t u = in[i] | in[i + 1] << 8;
-      if (u < 0x80) {
-        n += 1;
-      } else if (u < 0x800) {
-        n += 2;
-      } else if (u < 0xD800 || u > 0xDFFF) {
-        n += 3;
-      } else {
-        if (u > 0xDBFF || i + 3 >= len) {
-          *invalid = true;
-          return true;
-        }
-        uint32_t lo = in[i + 2] | in[i + 3] << 8;
-        if (lo < 0xDC00 || lo > 0xDFFF) {
-          *invalid = true;
-          return true;
-        }
-        n += 4;
-        i += 2;
-      }
+    uint32_t cp;
+    const unsigned len = Decode<From>(ft, in + i, inLen - i, &cp);
+    if (Measure) {
+      n += EncodedLength<To>(tt, cp);
+    } else if (cap - n >= 4) {
+      n += Encode<To>(tt, cp, out + n);
+    } else {
+      const unsigned k = Encode<To>(tt, cp, bytes);
+      if (cap - n < k) break;
+      memcpy(out + n, bytes, k);
+      n += k;
     }
-  } else if ((to == 1200 || to == CP_UTF8) && from != 1255 && from != 1258) {
-    // A single- or double-byte page read through its table: the same
-    // characters iconv gives, one by one (1255 and 1258 are left to iconv,
-    // which joins a letter and its accent into one character).
-    const text::PageTable* t = text::GetTable(from);
-    if (!t) return false;
-    for (size_t i = 0; i < len;) {
-      unsigned b = in[i];
-      WCHAR w;
-      bool ok;
-      if (t->lead[b]) {
-        w = i + 1 < len ? t->pairs[b << 8 | in[i + 1]] : 0;
-        ok = w != 0;
-        i += 2;
-      } else {
-        w = t->single[b];
-        ok = w != 0 || b == 0;
-        i += 1;
-      }
-      if (!ok) {
-        *invalid = true;
-        return true;
-      }
-      n += to == 1200 ? 2 : (w < 0x80 ? 1 : w < 0x800 ? 2 : 3);
-    }
-  } else {
-    return false;
+    i += len;
   }
-  *needed = n;
-  return true;
+  *consumed = i;
+  return n;
+}
+
+template <NativeKind From, NativeKind To>
+HRESULT NativeRun(const text::PageTable* ft, const text::PageTable* tt, const unsigned char* in, size_t inLen,
+                  unsigned char* out, size_t cap, size_t* consumed, size_t* written) {
+  *written = out ? NativeLoop<From, To, false>(ft, tt, in, inLen, out, cap, consumed)
+                 : NativeLoop<From, To, true>(ft, tt, in, inLen, out, cap, consumed);
+  return *consumed == inLen ? S_OK : QZ_E_INSUFFICIENT_BUFFER;
+}
+
+template <NativeKind From>
+HRESULT NativeTo(const NativePage& to, const text::PageTable* ft, const unsigned char* in, size_t inLen,
+                 unsigned char* out, size_t cap, size_t* consumed, size_t* written) {
+  const text::PageTable* tt = to.table;
+  switch (to.kind) {
+    case kUtf8Page: return NativeRun<From, kUtf8Page>(ft, tt, in, inLen, out, cap, consumed, written);
+    case kUtf16LE: return NativeRun<From, kUtf16LE>(ft, tt, in, inLen, out, cap, consumed, written);
+    case kUtf16BE: return NativeRun<From, kUtf16BE>(ft, tt, in, inLen, out, cap, consumed, written);
+    case kUtf32LE: return NativeRun<From, kUtf32LE>(ft, tt, in, inLen, out, cap, consumed, written);
+    case kUtf32BE: return NativeRun<From, kUtf32BE>(ft, tt, in, inLen, out, cap, consumed, written);
+    default: return NativeRun<From, kTablePage>(ft, tt, in, inLen, out, cap, consumed, written);
+  }
+}
+
+HRESULT NativeConvert(const NativePage& from, const NativePage& to, const unsigned char* in, size_t inLen,
+                      unsigned char* out, size_t cap, size_t* consumed, size_t* written) {
+  const text::PageTable* ft = from.table;
+  switch (from.kind) {
+    case kUtf8Page: return NativeTo<kUtf8Page>(to, ft, in, inLen, out, cap, consumed, written);
+    case kUtf16LE: return NativeTo<kUtf16LE>(to, ft, in, inLen, out, cap, consumed, written);
+    case kUtf16BE: return NativeTo<kUtf16BE>(to, ft, in, inLen, out, cap, consumed, written);
+    case kUtf32LE: return NativeTo<kUtf32LE>(to, ft, in, inLen, out, cap, consumed, written);
+    case kUtf32BE: return NativeTo<kUtf32BE>(to, ft, in, inLen, out, cap, consumed, written);
+    default: return NativeTo<kTablePage>(to, ft, in, inLen, out, cap, consumed, written);
+  }
+}
+
+// Length of the bad part at p for a page iconv refused: a unit of UTF-16 or
+// UTF-32, the maximal bad part of UTF-8, a bad pair of a double-byte page as
+// the decoder above skips it, else one byte.
+unsigned BadLength(UINT page, const unsigned char* p, size_t avail) {
+  const unsigned unit = page == 1200 || page == 1201 ? 2 : page == 12000 || page == 12001 ? 4 : 1;
+  if (unit > 1) return avail < unit ? static_cast<unsigned>(avail) : unit;
+  if (page == CP_UTF8) {
+    uint32_t cp;
+    unsigned bad = 1;
+    return text::DecodeUtf8(p, avail, &cp, &bad) ? 1 : (bad ? bad : 1);
+  }
+  const text::PageTable* t = text::GetTable(page);
+  if (t && t->lead[p[0]] && avail >= 2 && p[1] >= 0x40) return 2;
+  return 1;
 }
 
 // Where converted bytes go: the caller's buffer, or a scratch area that is
@@ -273,6 +402,13 @@ class Pipe {
     from_ = from;
     to_ = to;
     supported_ = false;
+    nativeFrom_ = FindNative(from);
+    nativeTo_ = FindNative(to);
+    native_ = nativeFrom_.kind != kNotNative && nativeTo_.kind != kNotNative;
+    if (native_) {
+      supported_ = true;
+      return S_OK;
+    }
     const char* fromName = QzIconvName(from);
     const char* toName = QzIconvName(to);
     if (!fromName || !toName) return S_FALSE;
@@ -315,6 +451,8 @@ class Pipe {
 
   UINT from_ = 0, to_ = 0;
   bool supported_ = false;
+  bool native_ = false;
+  NativePage nativeFrom_ = {kNotNative, nullptr}, nativeTo_ = {kNotNative, nullptr};
   static constexpr int kSpares = 4;
   std::atomic<void*> spare_[kSpares];
 };
@@ -341,72 +479,115 @@ HRESULT Pipe::Convert(unsigned char* source, unsigned int* sourceSize, unsigned 
     return E_INVALIDARG;
   }
   if (!destination && *destinationSize != 0) return E_INVALIDARG;
-  Output out;
-  out.base = destination;
-  out.cap = *destinationSize;
-  out.measure = destination == nullptr;
   size_t consumed = 0;
-  bool invalid = false;
   HRESULT hr;
   if (inLen % unit != 0) {
-    hr = QZ_E_NO_UNICODE_TRANSLATION;
+    return QZ_E_NO_UNICODE_TRANSLATION;  // half a unit is a wrong size, not text
   } else if (inLen == 0) {
     hr = S_OK;
-  } else if (out.measure && MeasureUnicode(from_, to_, source, inLen, &out.total, &invalid)) {
-    hr = invalid ? QZ_E_NO_UNICODE_TRANSLATION : S_OK;
-    consumed = inLen;
+    *destinationSize = 0;
+  } else if (native_) {
+    size_t written = 0;
+    hr = NativeConvert(nativeFrom_, nativeTo_, source, inLen, destination, *destinationSize, &consumed, &written);
+    *destinationSize = static_cast<unsigned int>(written);
   } else {
+    Output out;
+    out.base = destination;
+    out.cap = *destinationSize;
+    out.measure = destination == nullptr;
     iconv_t cd = Take();
     if (cd == kNoDescriptor) return errno == ENOMEM ? E_OUTOFMEMORY : E_FAIL;
     hr = Run(cd, source, inLen, out, &consumed);
     Give(cd);
+    if (hr < 0 && hr != QZ_E_INSUFFICIENT_BUFFER) return hr;
+    *destinationSize = static_cast<unsigned int>(out.total);
   }
-  if (hr == QZ_E_NO_UNICODE_TRANSLATION) return hr;
   *sourceSize = static_cast<unsigned int>(consumed);
-  *destinationSize = static_cast<unsigned int>(out.total);
   return hr;
 }
 
+// Substitutes where iconv stops: a character the destination lacks becomes
+// the destination's default character, a bad or cut sequence U+FFFD (or the
+// default character in a page without it).
 HRESULT Pipe::Run(iconv_t cd, unsigned char* in, size_t inLen, Output& out, size_t* consumed) {
   char* ip = reinterpret_cast<char*>(in);
   size_t left = inLen;
+  iconv_t probe = kNoDescriptor;  // source to UTF-32, for pages the library cannot read itself
+  HRESULT hr = S_OK;
   for (;;) {
     StepResult r = Step(cd, &ip, &left, out);
     *consumed = inLen - left;
     if (r == kDone) {
       r = Step(cd, nullptr, nullptr, out);
-      if (r == kDone) return S_OK;
+      if (r == kDone) break;
     }
-    if (r == kFull) return QZ_E_INSUFFICIENT_BUFFER;
-    if (r == kIncomplete) return QZ_E_NO_UNICODE_TRANSLATION;
-    if (r != kBad) return E_FAIL;
-    // iconv refuses either bad input or a character the destination lacks;
-    // only the first is an error.
+    if (r == kFull) {
+      hr = QZ_E_INSUFFICIENT_BUFFER;
+      break;
+    }
+    if (r != kBad && r != kIncomplete) {
+      hr = E_FAIL;
+      break;
+    }
     const unsigned char* at = reinterpret_cast<unsigned char*>(ip);
-    Decoded d = DecodeOne(from_, at, left);
-    if (!d.len) return QZ_E_NO_UNICODE_TRANSLATION;
+    uint32_t cp = kReplacement;
+    size_t len = 0;
+    if (r == kBad) {
+      Decoded d = DecodeOne(from_, at, left);
+      if (d.len) {
+        cp = d.cp;
+        len = d.len;
+      } else if (!text::FindPage(from_) || text::FindPage(from_)->kind == text::kIconv) {
+        // One character through iconv: if it reads, the destination lacks it.
+        if (probe == kNoDescriptor) probe = iconv_open("UTF-32LE", QzIconvName(from_));
+        if (probe != kNoDescriptor) {
+          iconv(probe, nullptr, nullptr, nullptr, nullptr);
+          unsigned char four[4];
+          char* pi = const_cast<char*>(reinterpret_cast<const char*>(at));
+          char* po = reinterpret_cast<char*>(four);
+          size_t pl = left, ol = sizeof four;
+          iconv(probe, &pi, &pl, &po, &ol);
+          if (ol == 0) {
+            cp = four[0] | four[1] << 8 | four[2] << 16 | static_cast<uint32_t>(four[3]) << 24;
+            len = left - pl;
+          }
+        }
+      }
+      if (!len) len = BadLength(from_, at, left);
+    } else {
+      len = left;  // cut at the end: one replacement for the rest
+    }
     unsigned char sub[8];
-    unsigned n = EncodeOne(to_, d.cp, sub);
+    unsigned n = EncodeOne(to_, cp, sub);
     if (n) {
       // Written here: whatever iconv still holds goes out first.
       r = Step(cd, nullptr, nullptr, out);
-      if (r == kFull) return QZ_E_INSUFFICIENT_BUFFER;
-      if (r != kDone) return E_FAIL;
-      if (!Put(out, sub, n)) return QZ_E_INSUFFICIENT_BUFFER;
+      if (r == kDone && !Put(out, sub, n)) r = kFull;
     } else {
-      // A stateful destination: let iconv write the default character.
+      // A destination the library cannot write: let iconv write its default
+      // character, in the shift state it is in.
       unsigned char q[4];
       unsigned qn = EncodeOne(from_, '?', q);
       char* qp = reinterpret_cast<char*>(q);
       size_t ql = qn;
       r = qn ? Step(cd, &qp, &ql, out) : kFailed;
-      if (r == kFull) return QZ_E_INSUFFICIENT_BUFFER;
-      if (r != kDone) return E_FAIL;
     }
-    ip += d.len;
-    left -= d.len;
+    if (r != kDone) {
+      hr = r == kFull ? QZ_E_INSUFFICIENT_BUFFER : E_FAIL;
+      break;
+    }
+    ip += len;
+    left -= len;
     *consumed = inLen - left;
+    if (!left) {
+      r = Step(cd, nullptr, nullptr, out);
+      if (r == kFull) hr = QZ_E_INSUFFICIENT_BUFFER;
+      else if (r != kDone) hr = E_FAIL;
+      break;
+    }
   }
+  if (probe != kNoDescriptor) iconv_close(probe);
+  return hr;
 }
 
 class Converter final : public ::IMLangConvertCharset {

@@ -177,12 +177,14 @@ unsigned QzFileRightsFromAccess(DWORD access) {
   return rights;
 }
 
-QzFileObject::QzFileObject(int fd, unsigned rights, DWORD share, uint64_t device, uint64_t inode,
-                           bool regular)
+QzFileObject::QzFileObject(int fd, DWORD access, unsigned rights, DWORD share, DWORD flags, uint64_t device,
+                           uint64_t inode, bool regular)
     : QzKernelObject(QzObjectKind::File),
       fd_(fd),
+      access_(access),
       rights_(rights),
       share_(share),
+      flags_(flags),
       device_(device),
       inode_(inode),
       regular_(regular) {}
@@ -278,7 +280,7 @@ HANDLE CreateFileA(LPCSTR path, DWORD access, DWORD shareMode, LPSECURITY_ATTRIB
   }
 
   QzFileObject* object = new (std::nothrow)
-      QzFileObject(fd, rights, share, st.st_dev, st.st_ino, S_ISREG(st.st_mode));
+      QzFileObject(fd, access, rights, share, flagsAndAttributes, st.st_dev, st.st_ino, S_ISREG(st.st_mode));
   if (object == nullptr) {
     close(fd);
     if (created) unlink(path);
@@ -309,10 +311,8 @@ HANDLE CreateFileA(LPCSTR path, DWORD access, DWORD shareMode, LPSECURITY_ATTRIB
       flags &= ~O_NONBLOCK;
       // Direct I/O where the file system takes it; elsewhere (tmpfs on older
       // kernels, some network file systems) the cache is used after all.
-      if ((flagsAndAttributes & FILE_FLAG_NO_BUFFERING) && fcntl(fd, F_SETFL, flags | O_DIRECT) == 0) {
-      } else {
-        fcntl(fd, F_SETFL, flags);
-      }
+      bool direct = (flagsAndAttributes & FILE_FLAG_NO_BUFFERING) && fcntl(fd, F_SETFL, flags | O_DIRECT) == 0;
+      if (!direct) fcntl(fd, F_SETFL, flags);
     }
     int advice = Advice(flagsAndAttributes);
     if (advice != POSIX_FADV_NORMAL && S_ISREG(st.st_mode)) posix_fadvise(fd, 0, 0, advice);
@@ -330,69 +330,78 @@ HANDLE CreateFileA(LPCSTR path, DWORD access, DWORD shareMode, LPSECURITY_ATTRIB
 
 // ---- Calls on a handle --------------------------------------------------------------------------
 
-BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD size, DWORD* read, void* overlapped) {
-  if (read != nullptr) *read = 0;
-  QzObjectRef ref = QzFileLookup(file);
-  if (!ref) return FALSE;
-  if (read == nullptr || overlapped != nullptr) return Fail(ERROR_INVALID_PARAMETER, FALSE);
-  QzFileObject* object = ref.as<QzFileObject>();
-  if (!object->CanRead()) return Fail(ERROR_ACCESS_DENIED, FALSE);
-  if (QzFaultHit(QZ_FAULT_READ_FILE)) return Fail(ERROR_ACCESS_DENIED, FALSE);
+namespace {
 
-  char* out = static_cast<char*>(buffer);
+// The file behind `handle` for a call that needs `rights`; null with the last
+// error set for a bad handle, missing access, or the call's failure switch.
+// `ref` keeps the object (and its descriptor) alive for the call.
+QzFileObject* FileFor(QzObjectRef& ref, HANDLE handle, unsigned rights, QzFault fault) {
+  ref = QzFileLookup(handle);
+  if (!ref) return nullptr;
+  QzFileObject* object = ref.as<QzFileObject>();
+  if ((object->rights() & rights) != rights) return Fail(ERROR_ACCESS_DENIED, static_cast<QzFileObject*>(nullptr));
+  if (QzFaultHit(fault)) return Fail(ERROR_ACCESS_DENIED, static_cast<QzFileObject*>(nullptr));
+  return object;
+}
+
+// Moves `size` bytes in pieces with `step(offset, piece)` (a read or a write),
+// until done, or the data ends, or after one piece when `whole` is false. A
+// failure of the first piece fails the call; a later one ends it early.
+template <typename Step>
+bool Transfer(size_t size, bool whole, DWORD* done, Step step) {
   size_t total = 0;
   while (total < size) {
     size_t piece = size - total < kMaxPiece ? size - total : kMaxPiece;
-    ssize_t n = ::read(object->descriptor(), out + total, piece);
+    ssize_t n = step(total, piece);
     if (n < 0) {
       if (errno == EINTR) continue;
-      if (total == 0) return Fail(QzErrnoToWin32(errno), FALSE);
+      if (total == 0) return Fail(QzErrnoToWin32(errno), false);
       break;
     }
     if (n == 0) break;
     total += static_cast<size_t>(n);
-    // A pipe or device gives what it has; only a regular file is read in full.
-    if (!object->regular()) break;
+    if (!whole) break;
   }
-  *read = static_cast<DWORD>(total);
-  return TRUE;
+  *done = static_cast<DWORD>(total);
+  return true;
+}
+
+}  // namespace
+
+BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD size, DWORD* read, void* overlapped) {
+  if (read != nullptr) *read = 0;
+  QzObjectRef ref;
+  QzFileObject* object = FileFor(ref, file, QZ_RIGHT_READ, QZ_FAULT_READ_FILE);
+  if (object == nullptr) return FALSE;
+  if (read == nullptr || overlapped != nullptr) return Fail(ERROR_INVALID_PARAMETER, FALSE);
+  char* out = static_cast<char*>(buffer);
+  // A pipe or device gives what it has; only a regular file is read in full.
+  return Transfer(size, object->regular(), read, [&](size_t at, size_t piece) {
+    return ::read(object->descriptor(), out + at, piece);
+  });
 }
 
 BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD size, DWORD* written, void* overlapped) {
   if (written != nullptr) *written = 0;
-  QzObjectRef ref = QzFileLookup(file);
-  if (!ref) return FALSE;
+  QzObjectRef ref;
+  QzFileObject* object = FileFor(ref, file, QZ_RIGHT_WRITE, QZ_FAULT_WRITE_FILE);
+  if (object == nullptr) return FALSE;
   if (written == nullptr || overlapped != nullptr) return Fail(ERROR_INVALID_PARAMETER, FALSE);
-  QzFileObject* object = ref.as<QzFileObject>();
-  if (!object->CanWrite()) return Fail(ERROR_ACCESS_DENIED, FALSE);
-  if (QzFaultHit(QZ_FAULT_WRITE_FILE)) return Fail(ERROR_ACCESS_DENIED, FALSE);
-  size_t want = size;
-  if (QzFaultHit(QZ_FAULT_WRITE_FILE_SHORT)) want = size / 2;
-
+  size_t want = QzFaultHit(QZ_FAULT_WRITE_FILE_SHORT) ? size / 2 : size;
   const char* in = static_cast<const char*>(buffer);
-  size_t total = 0;
-  while (total < want) {
-    size_t piece = want - total < kMaxPiece ? want - total : kMaxPiece;
-    ssize_t n = ::write(object->descriptor(), in + total, piece);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      // Nothing written: a failure. Part of it written (the disk filled up):
-      // success with the count, so the caller sees exactly what is on disk.
-      if (total == 0) return Fail(QzErrnoToWin32(errno), FALSE);
-      break;
-    }
-    total += static_cast<size_t>(n);
-  }
-  *written = static_cast<DWORD>(total);
-  return TRUE;
+  // Part written when the disk fills up is success with the smaller count, so
+  // the caller sees exactly what is on disk.
+  return Transfer(want, true, written, [&](size_t at, size_t piece) {
+    return ::write(object->descriptor(), in + at, piece);
+  });
 }
 
 DWORD SetFilePointer(HANDLE file, LONG distance, LONG* high, DWORD method) {
-  QzObjectRef ref = QzFileLookup(file);
-  if (!ref) return INVALID_SET_FILE_POINTER;
+  QzObjectRef ref;
+  QzFileObject* object = FileFor(ref, file, 0, QZ_FAULT_SET_FILE_POINTER);
+  if (object == nullptr) return INVALID_SET_FILE_POINTER;
   if (method > FILE_END) return Fail(ERROR_INVALID_PARAMETER, INVALID_SET_FILE_POINTER);
-  if (QzFaultHit(QZ_FAULT_SET_FILE_POINTER)) return Fail(ERROR_ACCESS_DENIED, INVALID_SET_FILE_POINTER);
-  int fd = ref.as<QzFileObject>()->descriptor();
+  int fd = object->descriptor();
 
   // Without a high half the distance is a signed 32-bit value.
   int64_t move = high != nullptr
@@ -422,22 +431,18 @@ DWORD SetFilePointer(HANDLE file, LONG distance, LONG* high, DWORD method) {
 }
 
 BOOL SetEndOfFile(HANDLE file) {
-  QzObjectRef ref = QzFileLookup(file);
-  if (!ref) return FALSE;
-  QzFileObject* object = ref.as<QzFileObject>();
-  if (!object->CanWrite()) return Fail(ERROR_ACCESS_DENIED, FALSE);
-  if (QzFaultHit(QZ_FAULT_SET_END_OF_FILE)) return Fail(ERROR_ACCESS_DENIED, FALSE);
+  QzObjectRef ref;
+  QzFileObject* object = FileFor(ref, file, QZ_RIGHT_WRITE, QZ_FAULT_SET_END_OF_FILE);
+  if (object == nullptr) return FALSE;
   off_t here = lseek(object->descriptor(), 0, SEEK_CUR);
   if (here < 0 || ftruncate(object->descriptor(), here) != 0) return Fail(QzErrnoToWin32(errno), FALSE);
   return TRUE;
 }
 
 BOOL FlushFileBuffers(HANDLE file) {
-  QzObjectRef ref = QzFileLookup(file);
-  if (!ref) return FALSE;
-  QzFileObject* object = ref.as<QzFileObject>();
-  if (!object->CanWrite()) return Fail(ERROR_ACCESS_DENIED, FALSE);
-  if (QzFaultHit(QZ_FAULT_FLUSH_FILE)) return Fail(ERROR_ACCESS_DENIED, FALSE);
+  QzObjectRef ref;
+  QzFileObject* object = FileFor(ref, file, QZ_RIGHT_WRITE, QZ_FAULT_FLUSH_FILE);
+  if (object == nullptr) return FALSE;
   // A device or pipe has nothing to flush (fsync says EINVAL there).
   if (fsync(object->descriptor()) != 0 && (object->regular() || errno != EINVAL))
     return Fail(QzErrnoToWin32(errno), FALSE);
@@ -445,11 +450,11 @@ BOOL FlushFileBuffers(HANDLE file) {
 }
 
 DWORD GetFileSize(HANDLE file, DWORD* high) {
-  QzObjectRef ref = QzFileLookup(file);
-  if (!ref) return INVALID_FILE_SIZE;
-  if (QzFaultHit(QZ_FAULT_GET_FILE_SIZE)) return Fail(ERROR_ACCESS_DENIED, INVALID_FILE_SIZE);
+  QzObjectRef ref;
+  QzFileObject* object = FileFor(ref, file, 0, QZ_FAULT_GET_FILE_SIZE);
+  if (object == nullptr) return INVALID_FILE_SIZE;
   struct stat st;
-  if (fstat(ref.as<QzFileObject>()->descriptor(), &st) != 0) return Fail(QzErrnoToWin32(errno), INVALID_FILE_SIZE);
+  if (fstat(object->descriptor(), &st) != 0) return Fail(QzErrnoToWin32(errno), INVALID_FILE_SIZE);
   uint64_t size = static_cast<uint64_t>(st.st_size);
   if (high != nullptr) *high = static_cast<DWORD>(size >> 32);
   SetLastError(ERROR_SUCCESS);
@@ -619,7 +624,7 @@ UINT GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name) {
   size_t stem = folderLength;
   memcpy(candidate, folder, folderLength);
   if (separator) candidate[stem++] = '/';
-  memcpy(candidate + stem, prefix, prefixLength);
+  if (prefixLength != 0) memcpy(candidate + stem, prefix, prefixLength);
   stem += prefixLength;
   auto build = [&](unsigned number) {
     snprintf(candidate + stem, sizeof candidate - stem, "%04X.tmp", number & 0xFFFFu);

@@ -37,15 +37,19 @@ unsigned QzFileRightsFromAccess(DWORD access);
 
 class QzFileObject final : public QzKernelObject {
  public:
-  // Adopts `fd`. `rights` are the QZ_RIGHT_* that the handle was opened with
-  // and `share` the FILE_SHARE_* bits it grants to later opens. `regular`
+  // Adopts `fd`. `access` is the mask CreateFileA was given and `rights` the
+  // QZ_RIGHT_* it stands for; `share` are the FILE_SHARE_* bits granted to
+  // later opens and `flags` the flags and attributes of the open. `regular`
   // tells a regular file (whose reads and writes are completed in full) from a
   // device or pipe. The object is not in the share registry until the opener
   // adds it; the destructor takes it out again.
-  QzFileObject(int fd, unsigned rights, DWORD share, uint64_t device, uint64_t inode, bool regular);
+  QzFileObject(int fd, DWORD access, unsigned rights, DWORD share, DWORD flags, uint64_t device, uint64_t inode,
+               bool regular);
   ~QzFileObject() override;
 
   int descriptor() const { return fd_; }
+  DWORD access() const { return access_; }
+  DWORD flags() const { return flags_; }
   unsigned rights() const { return rights_; }
   bool CanRead() const { return (rights_ & QZ_RIGHT_READ) != 0; }
   bool CanWrite() const { return (rights_ & QZ_RIGHT_WRITE) != 0; }
@@ -63,8 +67,10 @@ class QzFileObject final : public QzKernelObject {
 
  private:
   const int fd_;
+  const DWORD access_;
   const unsigned rights_;
   const DWORD share_;
+  const DWORD flags_;
   const uint64_t device_;
   const uint64_t inode_;
   const bool regular_;

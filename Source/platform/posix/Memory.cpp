@@ -83,6 +83,28 @@ bool Insert(uintptr_t base, size_t size) {
   return true;
 }
 
+// Maps `size` bytes with at least one unmapped page between them and every
+// other allocation of this layer. Linux puts each new mapping right below the
+// previous one; a heap takes a neighbour of its own memory into the segment
+// there, and a segment that holds the heap record never shrinks, so without
+// the gap every growth of a heap would be kept for good. Apart, each growth
+// is a segment of its own, which trimming and the release of unused segments
+// can give back. The margins are mapped with the allocation and unmapped at
+// once: any later mapping must fit beside them, so no allocation made later
+// can touch this one either.
+void* MapApart(size_t size, int prot) {
+  const size_t page = PageSize();
+  if (size > ~size_t(0) - 2 * page) {
+    errno = ENOMEM;
+    return MAP_FAILED;
+  }
+  char* outer = static_cast<char*>(mmap(nullptr, size + 2 * page, prot, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  if (outer == MAP_FAILED) return MAP_FAILED;
+  munmap(outer, page);
+  munmap(outer + page + size, page);
+  return outer + page;
+}
+
 }  // namespace
 
 LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protect) {
@@ -116,8 +138,15 @@ LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protect) {
     SetLastError(ERROR_INVALID_ADDRESS);
     return nullptr;
   }
-  // MEM_TOP_DOWN needs nothing: Linux places anonymous mappings top-down.
-  void* p = mmap(address, size, prot, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* p;
+  if (address == nullptr && (type & MEM_TOP_DOWN) == 0) {
+    p = MapApart(size, prot);
+  } else {
+    // A wanted place is only a hint to mmap, so an existing mapping is never
+    // replaced. MEM_TOP_DOWN needs nothing: Linux already places anonymous
+    // mappings top-down, and the kernel may merge such neighbours.
+    p = mmap(address, size, prot, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  }
   if (p == MAP_FAILED) {
     SetLastError(errno == ENOMEM ? ERROR_NOT_ENOUGH_MEMORY : QzErrnoToWin32(errno));
     return nullptr;
@@ -137,6 +166,10 @@ LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protect) {
 }
 
 BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD freeType) {
+  if (QzFaultHit(QZ_FAULT_VIRTUAL_FREE)) {
+    SetLastError(ERROR_INVALID_ADDRESS);
+    return FALSE;
+  }
   if (freeType != MEM_RELEASE || size != 0) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;

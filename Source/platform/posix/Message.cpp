@@ -1,6 +1,7 @@
 // POSIX implementation of the message area: the library's own message texts
 // and a message box on standard error.
 #include "platform/QzPlatformMessage.h"
+#include "platform/QzPlatformSync.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -51,6 +52,7 @@ const MessageText kErrors[] = {
     {ERROR_BUSY, "The resource is in use."},
     {ERROR_ALREADY_EXISTS, "The object already exists."},
     {ERROR_FILENAME_EXCED_RANGE, "The file name or path is too long."},
+    {ERROR_TOO_MANY_POSTS, "Too many posts were made to a semaphore."},
     {ERROR_INVALID_ADDRESS, "The address is not valid."},
     {ERROR_ARITHMETIC_OVERFLOW, "The result is too large for its type."},
     {ERROR_NO_UNICODE_TRANSLATION, "The text has no mapping in the target character set."},

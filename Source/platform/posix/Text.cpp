@@ -196,71 +196,6 @@ const PageTable* ActiveTable() {
   return g_acpTable.load(std::memory_order_acquire);
 }
 
-unsigned DecodeUtf8(const unsigned char* s, size_t avail, uint32_t* cp, unsigned* bad) {
-  unsigned b0 = s[0];
-  if (b0 < 0x80) {
-    *cp = b0;
-    return 1;
-  }
-  unsigned need;
-  unsigned lo = 0x80, hi = 0xBF;
-  uint32_t value;
-  if (b0 < 0xC2) {
-    *bad = 1;
-    return 0;
-  } else if (b0 < 0xE0) {
-    need = 1;
-    value = b0 & 0x1F;
-  } else if (b0 < 0xF0) {
-    need = 2;
-    value = b0 & 0x0F;
-    if (b0 == 0xE0) lo = 0xA0;
-    if (b0 == 0xED) hi = 0x9F;  // no surrogates
-  } else if (b0 < 0xF5) {
-    need = 3;
-    value = b0 & 0x07;
-    if (b0 == 0xF0) lo = 0x90;
-    if (b0 == 0xF4) hi = 0x8F;  // nothing above U+10FFFF
-  } else {
-    *bad = 1;
-    return 0;
-  }
-  for (unsigned i = 1; i <= need; ++i) {
-    if (i >= avail || s[i] < lo || s[i] > hi) {
-      *bad = i;
-      return 0;
-    }
-    value = value << 6 | (s[i] & 0x3F);
-    lo = 0x80;
-    hi = 0xBF;
-  }
-  *cp = value;
-  return need + 1;
-}
-
-unsigned EncodeUtf8(uint32_t cp, unsigned char* out) {
-  if (cp < 0x80) {
-    out[0] = static_cast<unsigned char>(cp);
-    return 1;
-  }
-  if (cp < 0x800) {
-    out[0] = static_cast<unsigned char>(0xC0 | cp >> 6);
-    out[1] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
-    return 2;
-  }
-  if (cp < 0x10000) {
-    out[0] = static_cast<unsigned char>(0xE0 | cp >> 12);
-    out[1] = static_cast<unsigned char>(0x80 | (cp >> 6 & 0x3F));
-    out[2] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
-    return 3;
-  }
-  out[0] = static_cast<unsigned char>(0xF0 | cp >> 18);
-  out[1] = static_cast<unsigned char>(0x80 | (cp >> 12 & 0x3F));
-  out[2] = static_cast<unsigned char>(0x80 | (cp >> 6 & 0x3F));
-  out[3] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
-  return 4;
-}
-
 }  // namespace text
 
 using namespace text;
@@ -361,7 +296,7 @@ int MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR mb, int cbMultiByte, 
         sink.put(s[i++]);
         continue;
       }
-      uint32_t cp;
+      uint32_t cp = 0;
       unsigned bad;
       unsigned len = DecodeUtf8(s + i, n - i, &cp, &bad);
       if (!len) {

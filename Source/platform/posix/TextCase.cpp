@@ -120,7 +120,7 @@ inline Ch ReadChar(const text::PageTable* t, const unsigned char* p) {
   unsigned b = p[0];
   if (!t) {
     if (b < 0x80) return {1, b, b};
-    uint32_t cp;
+    uint32_t cp = 0;
     unsigned bad;
     unsigned len = text::DecodeUtf8(p, 4, &cp, &bad);
     if (!len) return {1, b, 0xFFFFFFFFu};
@@ -148,7 +148,7 @@ uint32_t UnpackChar(const text::PageTable* t, unsigned int c) {
       unsigned char b = static_cast<unsigned char>(c >> shift);
       if (n || b) bytes[n++] = b;
     }
-    uint32_t cp;
+    uint32_t cp = 0;
     unsigned bad;
     return text::DecodeUtf8(bytes, n, &cp, &bad) == n ? cp : 0xFFFFFFFFu;
   }

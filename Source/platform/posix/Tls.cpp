@@ -19,8 +19,10 @@ std::mutex g_slotMutex;
 bool g_slotUsed[QZ_TLS_SLOT_COUNT];
 
 // The key exists only for its destructor, which gives a thread's table back.
+// Made at the first need, deleted at detach: a thread-exit destructor must
+// never point into a library that has been unloaded.
 pthread_key_t g_tableKey;
-pthread_once_t g_tableKeyOnce = PTHREAD_ONCE_INIT;
+bool g_tableKeyMade = false;  // under g_slotMutex
 
 void FreeTable(void* table) {
   // Later destructors of the same thread may still read slots: they see 0.
@@ -28,22 +30,19 @@ void FreeTable(void* table) {
   free(table);
 }
 
-void MakeTableKey() {
-  // Without the key tables would only leak at thread end; nothing else changes.
-  (void)pthread_key_create(&g_tableKey, FreeTable);
-}
-
 // The calling thread's entry of a slot beyond the fast ones; makes the table
 // at the first need. Null when it cannot be made.
 QzTlsEntry* TableEntry(DWORD index) {
   QzTlsEntry* table = t_qzTlsTable;
   if (table == nullptr) {
-    pthread_once(&g_tableKeyOnce, MakeTableKey);
     // Entries start at generation 0, which only slots never freed have; for
     // the others they read 0 until stored, as they should.
     table = static_cast<QzTlsEntry*>(calloc(QZ_TLS_SLOT_COUNT, sizeof(QzTlsEntry)));
     if (table == nullptr) return nullptr;
-    (void)pthread_setspecific(g_tableKey, table);
+    std::lock_guard<std::mutex> guard(g_slotMutex);
+    // Without the key the table would only leak at thread end; nothing else changes.
+    if (!g_tableKeyMade) g_tableKeyMade = pthread_key_create(&g_tableKey, FreeTable) == 0;
+    if (g_tableKeyMade) (void)pthread_setspecific(g_tableKey, table);
     t_qzTlsTable = table;
   }
   return &table[index];
@@ -111,6 +110,16 @@ BOOL TlsSetValue(DWORD index, LPVOID value) {
 LPVOID QzTlsGetValueSlow(DWORD index) {
   if (index >= QZ_TLS_SLOT_COUNT) SetLastError(ERROR_INVALID_PARAMETER);
   return nullptr;
+}
+
+void QzTlsRelease() {
+  std::lock_guard<std::mutex> guard(g_slotMutex);
+  if (g_tableKeyMade) {
+    // The tables stay with their threads, which may still be running: at
+    // an unload they are left to the process, like the pools' memory.
+    (void)pthread_key_delete(g_tableKey);
+    g_tableKeyMade = false;
+  }
 }
 
 }  // namespace qzsys

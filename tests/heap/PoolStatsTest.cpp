@@ -1,0 +1,262 @@
+// Pool statistics through the exported calls: the status lines byte for byte
+// through the log, the information record and footprint on fresh, grown and
+// two-heap pools and around direct mappings, and trims that do and do not
+// give memory back.
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+#include "../pool/PoolTestSupport.h"
+#include "HeapTestSupport.h"
+#include "pools/QzHeapStats.h"
+
+namespace {
+
+// The parameters may not be set up yet when a test first asks.
+size_t Granule() {
+  QzEnsureHeapParams();
+  return heaptest::Granule();
+}
+using heaptest::Report;
+
+// What the heap checker (an independent walk) says the free figures are.
+struct Expected {
+  size_t footprint, maxFootprint, freeBytes, freeChunks, used;
+};
+Expected Expect(QzHeap* heap) {
+  const QzHeapCheckReport r = Report(heap);
+  EXPECT_EQ(r.error, "");
+  Expected e{};
+  if (heap->top == nullptr) return e;
+  e.footprint = heap->footprint;
+  e.maxFootprint = heap->maxFootprint;
+  e.freeBytes = r.freeBytes + heap->reserveSize + heap->topSize + QZ_TOP_FOOT;
+  e.freeChunks = r.freeChunks + (heap->reserve != nullptr ? 1 : 0) + 1;
+  e.used = e.footprint - e.freeBytes;
+  return e;
+}
+
+std::string Line(const char* format, unsigned long long value) {
+  char buf[128];
+  snprintf(buf, sizeof buf, format, value);
+  return std::string("Status: ") + buf + "\n";
+}
+
+// The message part of every status line captured, in order.
+std::vector<std::string> StatusLines(const qztest::DebugCapture& capture) {
+  std::vector<std::string> lines;
+  for (const std::string& t : capture.texts()) {
+    const size_t at = t.find("] Status: ");
+    if (t.compare(0, 1, "[") == 0 && at != std::string::npos) lines.push_back(t.substr(at + 2));
+  }
+  return lines;
+}
+
+std::vector<std::string> StatsBlock(const Expected& e) {
+  return {
+      "Status: -----------------------malloc_stats_begin-----------------------\n",
+      Line("max system bytes = %10llu\n", e.maxFootprint),
+      Line("system bytes     = %10llu\n", e.footprint),
+      Line("in use bytes     = %10llu\n", e.used),
+      Line("corruption errors= %10llu", corruptionErrors.load()),
+      "Status: -----------------------malloc_stats_end-------------------------\n",
+  };
+}
+
+// A pool without a cache for this thread, so that frees reach the heaps.
+struct PlainPool {
+  QzMempool* pool;
+  explicit PlainPool(int threads = 1, size_t capacity = 0) : pool(Qz_CreateMempool(capacity, threads)) {
+    Qz_MempoolDisableThreadCache(pool);
+  }
+  ~PlainPool() { Qz_DestroyMempool(pool); }
+  QzHeap* heap(int i = 0) const { return pool->heaps[i].load(); }
+};
+
+void ExpectInfoMatches(const QzMempoolInfo& info, const std::vector<QzHeap*>& heaps) {
+  Expected sum{};
+  size_t top = 0;
+  for (QzHeap* h : heaps) {
+    const Expected e = Expect(h);
+    sum.footprint += e.footprint, sum.maxFootprint += e.maxFootprint, sum.freeBytes += e.freeBytes;
+    sum.freeChunks += e.freeChunks, sum.used += e.used;
+    top += h->topSize;
+  }
+  EXPECT_EQ(info.freeChunks, sum.freeChunks);
+  EXPECT_EQ(info.freeBytes, sum.freeBytes);
+  EXPECT_EQ(info.usedBytes, sum.used);
+  EXPECT_EQ(info.maxFootprint, sum.maxFootprint);
+  EXPECT_EQ(info.topBytes, top);
+  EXPECT_EQ(info.totalBytes + info.mappedBytes, sum.footprint);
+  EXPECT_EQ(info.smallBlocks, 0u);
+  EXPECT_EQ(info.mappedBlocks, 0u);
+  EXPECT_EQ(info.smallFreeBytes, 0u);
+}
+
+TEST(PoolStats, FreshDefaultPoolHoldsOneGranule) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        const size_t footprint = Qz_MempoolFootprint(nullptr);
+        qztest::DebugCapture capture;
+        Qz_MempoolStats(nullptr);
+        const std::vector<std::string> lines = StatusLines(capture);
+        const bool ok = footprint == Granule() && lines.size() == 6 &&
+                        lines[2] == Line("system bytes     = %10llu\n", Granule());
+        exit(ok ? 3 : 4);
+      },
+      ::testing::ExitedWithCode(3), "");
+}
+
+TEST(PoolStats, FreshPoolFigures) {
+  for (size_t capacity : {size_t(0), 3 * Granule() + 1}) {
+    PlainPool p(1, capacity);
+    const size_t granules = capacity == 0 ? 1 : 4;
+    const QzMempoolInfo info = Qz_MempoolGetInfo(p.pool);
+    EXPECT_EQ(Qz_MempoolFootprint(p.pool), granules * Granule());
+    EXPECT_EQ(info.freeChunks, 1u);
+    EXPECT_EQ(info.mappedBytes, 0u);
+    EXPECT_EQ(info.totalBytes, granules * Granule());
+    EXPECT_EQ(info.usedBytes, QzRequestToChunk(sizeof(QzHeap)));  // the heap's own record
+    ExpectInfoMatches(info, {p.heap()});
+  }
+}
+
+TEST(PoolStats, StatusLinesForEachHeapThroughTheLog) {
+  PlainPool p(2);
+  GrowTo(p.pool, 2);
+  std::vector<void*> blocks;
+  for (int i = 0; i < 40; ++i) blocks.push_back(Qz_MempoolAlloc(p.pool, 100 + 300 * i));
+  for (int i = 0; i < 40; i += 3) Qz_MempoolFree(p.pool, blocks[i]);  // some chunks in the bins
+  {
+    qztest::DebugCapture capture;
+    Qz_MempoolStats(p.pool);
+    std::vector<std::string> want = StatsBlock(Expect(p.heap(0)));
+    const std::vector<std::string> second = StatsBlock(Expect(p.heap(1)));
+    want.insert(want.end(), second.begin(), second.end());
+    EXPECT_EQ(StatusLines(capture), want);
+  }
+  // A heap that forgot its memory reports zeros; the counter is the process's.
+  QzHeapResetOnCorruption(p.heap(1));
+  qztest::DebugCapture capture;
+  Qz_MempoolStats(p.pool);
+  const std::vector<std::string> lines = StatusLines(capture);
+  ASSERT_EQ(lines.size(), 12u);
+  EXPECT_EQ(std::vector<std::string>(lines.begin() + 6, lines.end()), StatsBlock(Expected{}));
+  EXPECT_EQ(lines[4], lines[10]);
+  const QzMempoolInfo zero = QzHeapInfo(p.heap(1));
+  EXPECT_EQ(zero.totalBytes + zero.freeChunks + zero.usedBytes + zero.maxFootprint, 0u);
+  EXPECT_EQ(Qz_MempoolTrim(p.pool, 0), 0);
+}
+
+TEST(PoolStats, InfoAndFootprintFollowGrowthAndDirectMappings) {
+  PlainPool p(2);
+  std::vector<void*> blocks;
+  while (p.heap()->footprint < 3 * Granule()) blocks.push_back(Qz_MempoolAlloc(p.pool, 5000));
+  for (size_t i = 0; i < blocks.size(); i += 2) Qz_MempoolFree(p.pool, blocks[i]);
+  ExpectInfoMatches(Qz_MempoolGetInfo(p.pool), {p.heap()});
+  EXPECT_EQ(Qz_MempoolFootprint(p.pool), p.heap()->footprint);
+
+  const QzMempoolInfo before = Qz_MempoolGetInfo(p.pool);
+  const size_t footprint = Qz_MempoolFootprint(p.pool);
+  void* mapped = Qz_MempoolAlloc(p.pool, QzHeapParams.directThreshold.load() + Granule());
+  ASSERT_EQ(QzHead(QzBlockToChunk(mapped)) & QZ_INUSE_BITS, 0u);
+  const size_t grew = Qz_MempoolFootprint(p.pool) - footprint;
+  EXPECT_EQ(grew % Granule(), 0u);
+  EXPECT_GT(grew, QzHeapParams.directThreshold.load());
+  QzMempoolInfo with = Qz_MempoolGetInfo(p.pool);
+  EXPECT_EQ(with.mappedBytes, before.mappedBytes + grew);
+  EXPECT_EQ(with.usedBytes, before.usedBytes + grew);
+  EXPECT_EQ(with.totalBytes, before.totalBytes);
+  EXPECT_EQ(with.maxFootprint, before.maxFootprint + grew);
+  Qz_MempoolFree(p.pool, mapped);
+  const QzMempoolInfo after = Qz_MempoolGetInfo(p.pool);
+  EXPECT_EQ(Qz_MempoolFootprint(p.pool), footprint);
+  EXPECT_EQ(after.mappedBytes, before.mappedBytes);
+  EXPECT_EQ(after.maxFootprint, with.maxFootprint);  // the peak stays
+
+  // Two heaps: every figure is the sum.
+  GrowTo(p.pool, 2);
+  ASSERT_EQ(HeapCount(p.pool), 2);
+  ExpectInfoMatches(Qz_MempoolGetInfo(p.pool), {p.heap(0), p.heap(1)});
+  EXPECT_EQ(Qz_MempoolFootprint(p.pool), p.heap(0)->footprint + p.heap(1)->footprint);
+  for (size_t i = 1; i < blocks.size(); i += 2) Qz_MempoolFree(p.pool, blocks[i]);
+}
+
+TEST(PoolStats, CachedBlocksStayInUseUntilEvicted) {
+  QzMempool* pool = Qz_CreateMempool(0, 1);
+  void* b = Qz_MempoolAlloc(pool, 100);
+  ASSERT_NE(MyCache(pool), nullptr);
+  const size_t used = Qz_MempoolGetInfo(pool).usedBytes;
+  Qz_MempoolFree(pool, b);
+  EXPECT_EQ(Qz_MempoolGetInfo(pool).usedBytes, used);
+  const size_t footprint = Qz_MempoolFootprint(pool);
+  Qz_MempoolDisableThreadCache(pool);  // evicts, and gives the cache record back
+  EXPECT_LT(Qz_MempoolGetInfo(pool).usedBytes, used - QzChunkSize(QzBlockToChunk(b)) + 1);
+  EXPECT_EQ(Qz_MempoolFootprint(pool), footprint);
+  Qz_DestroyMempool(pool);
+}
+
+// A pool whose first heap lies at a known place, with automatic trimming off.
+struct PlacedPool {
+  heaptest::ParamsScope params;
+  heaptest::Placement place;
+  QzMempool* pool;
+  explicit PlacedPool(size_t granules) {
+    Qz_MempoolFree(nullptr, Qz_MempoolAlloc(nullptr, sizeof(QzMempool)));
+    EXPECT_EQ(1, Qz_MempoolOpt(nullptr, -1, -1));
+    Next(granules);
+    pool = Qz_CreateMempool(0, 1);
+    Qz_MempoolDisableThreadCache(pool);
+  }
+  ~PlacedPool() { Qz_DestroyMempool(pool); }
+  void Next(size_t granules) { place.Queue(granules * Granule()); }
+  uintptr_t At(size_t granules) const { return place.base() + granules * Granule(); }
+  QzHeap* heap() const { return pool->heaps[0].load(); }
+  // Allocates until top is nearly used up.
+  void FillTop(std::vector<void*>* blocks) {
+    while (heap()->topSize > 2 * QzRequestToChunk(60000)) blocks->push_back(Qz_MempoolAlloc(pool, 60000));
+  }
+  // Fills top, then makes the heap grow into the region queued at `granules`.
+  void GrowAt(size_t granules, std::vector<void*>* blocks) {
+    FillTop(blocks);
+    Next(granules);
+    blocks->push_back(Qz_MempoolAlloc(pool, 3 * 60000));
+  }
+};
+
+TEST(PoolTrim, GivesBackOnlyWholeAllocationsAwayFromTheHeapRecord) {
+  PlacedPool p(4);
+  ASSERT_EQ(p.At(4), reinterpret_cast<uintptr_t>(p.heap()) - QZ_CHUNK_OVERHEAD);
+  EXPECT_EQ(Qz_MempoolTrim(p.pool, 0), 0);  // nothing to give back
+
+  // A granule appended to the heap's own segment never goes back.
+  std::vector<void*> blocks;
+  p.GrowAt(5, &blocks);
+  EXPECT_EQ(Qz_MempoolFootprint(p.pool), 2 * Granule());
+  for (void* b : blocks) Qz_MempoolFree(p.pool, b);
+  blocks.clear();
+  EXPECT_GT(p.heap()->topSize, Granule());
+  EXPECT_EQ(Qz_MempoolTrim(p.pool, 0), 0);
+  EXPECT_EQ(Qz_MempoolFootprint(p.pool), 2 * Granule());
+
+  // Top moves to a segment of its own, which then gets a granule appended.
+  p.GrowAt(10, &blocks);
+  ASSERT_EQ(p.heap()->firstSegment.base, p.At(10));
+  p.GrowAt(11, &blocks);
+  ASSERT_EQ(p.heap()->firstSegment.size, 2 * Granule());
+  for (void* b : blocks) Qz_MempoolFree(p.pool, b);
+  const size_t footprint = Qz_MempoolFootprint(p.pool);
+  // A pad that keeps all of top gives nothing back; pad 0 gives the granule.
+  EXPECT_EQ(Qz_MempoolTrim(p.pool, 2 * Granule()), 0);
+  EXPECT_EQ(Qz_MempoolFootprint(p.pool), footprint);
+  EXPECT_EQ(Qz_MempoolTrim(p.pool, 0), 1);
+  EXPECT_EQ(Qz_MempoolFootprint(p.pool), footprint - Granule());
+  EXPECT_EQ(Qz_MempoolTrim(p.pool, 0), 0);
+  EXPECT_EQ(Qz_MempoolTrim(p.pool, QZ_MAX_REQUEST), 0);
+  EXPECT_HEAP_OK(p.heap());
+  ExpectInfoMatches(Qz_MempoolGetInfo(p.pool), {p.heap()});
+}
+
+}  // namespace

@@ -1,0 +1,260 @@
+// Platform synchronisation: critical sections, events (PulseEvent above all),
+// semaphores, bad handles, and local time. Injected failures are tested
+// through the sync objects (tests/sync).
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+#include <time.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "QzTestSupport.h"
+#include "platform/QzPlatform.h"
+#include "platform/posix/Handles.h"
+
+using namespace qzsys;
+
+namespace {
+
+// Blocks until `count` threads are inside WaitForSingleObject on `object`.
+void AwaitWaiters(HANDLE object, LONG count) {
+  while (QzSyncWaiting(object) < count) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+// Threads that each wait once on `object` with no limit and record success.
+struct Waiters {
+  Waiters(HANDLE object, int count) : released(0) {
+    for (int i = 0; i < count; ++i) {
+      threads.emplace_back([this, object] {
+        if (WaitForSingleObject(object, INFINITE) == WAIT_OBJECT_0) released.fetch_add(1);
+      });
+    }
+    AwaitWaiters(object, count);
+  }
+  // Waits until at least `n` have been let through and every other one is
+  // back inside its wait.
+  void AwaitReleased(HANDLE object, int n) {
+    while (released.load() < n || QzSyncWaiting(object) != LONG(threads.size()) - released.load()) {
+      std::this_thread::yield();
+    }
+  }
+  ~Waiters() { for (auto& t : threads) t.join(); }
+  std::atomic<int> released;
+  std::vector<std::thread> threads;
+};
+
+TEST(CriticalSection, IsRecursiveAndExcludesOtherThreadsUntilLeftAsOftenAsEntered) {
+  for (DWORD spin : {0u, 4000u}) {
+    CRITICAL_SECTION cs;
+    ASSERT_TRUE(spin ? InitializeCriticalSectionAndSpinCount(&cs, spin) : InitializeCriticalSection(&cs));
+    for (int i = 0; i < 3; ++i) EnterCriticalSection(&cs);
+    EXPECT_TRUE(TryEnterCriticalSection(&cs));
+    auto othersTry = [&cs] {
+      BOOL got = FALSE;
+      std::thread([&] { got = TryEnterCriticalSection(&cs); if (got) LeaveCriticalSection(&cs); }).join();
+      return got;
+    };
+    for (int i = 0; i < 4; ++i) {
+      EXPECT_FALSE(othersTry()) << "still entered " << 4 - i << " times";
+      LeaveCriticalSection(&cs);
+    }
+    EXPECT_TRUE(othersTry());
+    DeleteCriticalSection(&cs);
+  }
+}
+
+TEST(CriticalSection, SpinCountDropsTheFlagByteAndGuardsCountersUnderContention) {
+  CRITICAL_SECTION cs;
+  ASSERT_TRUE(InitializeCriticalSectionAndSpinCount(&cs, 0x80000FA0u));
+  SYSTEM_INFO info;
+  GetSystemInfo(&info);
+  EXPECT_EQ(cs.SpinCount, info.dwNumberOfProcessors > 1 ? 0xFA0u : 0u);
+  long counter = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 20000; ++i) { EnterCriticalSection(&cs); ++counter; LeaveCriticalSection(&cs); }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(counter, 80000);
+  DeleteCriticalSection(&cs);
+}
+
+TEST(Event, StateAfterEachCallForBothKinds) {
+  // One row per kind: what Wait(0) gives after creation, after Set (twice in
+  // a row), after Reset.
+  const struct { BOOL manual, initial; DWORD created, afterSet1, afterSet2, afterReset; } rows[] = {
+      {FALSE, FALSE, WAIT_TIMEOUT, WAIT_OBJECT_0, WAIT_TIMEOUT, WAIT_TIMEOUT},
+      {FALSE, TRUE, WAIT_OBJECT_0, WAIT_OBJECT_0, WAIT_TIMEOUT, WAIT_TIMEOUT},
+      {TRUE, FALSE, WAIT_TIMEOUT, WAIT_OBJECT_0, WAIT_OBJECT_0, WAIT_TIMEOUT},
+      {TRUE, TRUE, WAIT_OBJECT_0, WAIT_OBJECT_0, WAIT_OBJECT_0, WAIT_TIMEOUT},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(testing::Message() << "manual " << r.manual << " initial " << r.initial);
+    HANDLE e = CreateEventA(nullptr, r.manual, r.initial, "ignored");
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(WaitForSingleObject(e, 0), r.created);
+    ASSERT_TRUE(SetEvent(e));
+    EXPECT_EQ(WaitForSingleObject(e, 0), r.afterSet1);
+    EXPECT_EQ(WaitForSingleObject(e, 0), r.afterSet2);
+    ASSERT_TRUE(SetEvent(e));
+    ASSERT_TRUE(ResetEvent(e));
+    EXPECT_EQ(WaitForSingleObject(e, 0), r.afterReset);
+    EXPECT_TRUE(CloseHandle(e));
+  }
+}
+
+TEST(Event, TimedWaitLastsAtLeastItsTimeAndSetWakesASleeper) {
+  HANDLE e = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(WaitForSingleObject(e, 60), WAIT_TIMEOUT);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(60));
+  EXPECT_EQ(QzSyncWaiting(e), 0);
+  {
+    Waiters w(e, 1);
+    SetEvent(e);
+  }
+  EXPECT_EQ(WaitForSingleObject(e, 0), WAIT_TIMEOUT) << "the waiter reset the auto event";
+  CloseHandle(e);
+}
+
+TEST(Event, PulseLetsThroughOnlyThreadsWaitingAtThatMoment) {
+  // Waiters present at the pulse, and how many it lets through per kind.
+  const struct { BOOL manual; int waiters, released; } rows[] = {
+      {TRUE, 0, 0}, {TRUE, 1, 1}, {TRUE, 3, 3}, {FALSE, 0, 0}, {FALSE, 1, 1}, {FALSE, 3, 1},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(testing::Message() << "manual " << r.manual << " waiters " << r.waiters);
+    for (BOOL initial : {FALSE, TRUE}) {
+      if (r.waiters > 0 && initial) continue;  // nobody waits on a signalled event
+      HANDLE e = CreateEventA(nullptr, r.manual, initial, nullptr);
+      {
+        Waiters w(e, r.waiters);
+        ASSERT_TRUE(PulseEvent(e));
+        w.AwaitReleased(e, r.released);
+        // A pulse is not remembered: latecomers do not get through it, and
+        // the event is left not signalled even if it was signalled before.
+        EXPECT_EQ(WaitForSingleObject(e, 0), WAIT_TIMEOUT);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_EQ(w.released.load(), r.released);
+        for (int n = w.released.load(); n < r.waiters; n = w.released.load()) {
+          ASSERT_TRUE(SetEvent(e));
+          w.AwaitReleased(e, n + 1);
+        }
+      }
+      CloseHandle(e);
+    }
+  }
+}
+
+TEST(Event, ManualSetThenResetStillReleasesEveryoneWhoWasWaiting) {
+  HANDLE e = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  {
+    Waiters w(e, 3);
+    SetEvent(e);
+    ResetEvent(e);
+  }
+  EXPECT_EQ(WaitForSingleObject(e, 0), WAIT_TIMEOUT);
+  CloseHandle(e);
+}
+
+TEST(Semaphore, CreationChecksItsCounts) {
+  const struct { LONG initial, maximum; bool ok; } rows[] = {
+      {0, 1, true}, {1, 1, true}, {0, 0x7FFFFFFF, true}, {2, 1, false}, {-1, 5, false}, {0, 0, false}, {0, -3, false},
+  };
+  for (const auto& r : rows) {
+    SetLastError(0);
+    HANDLE s = CreateSemaphoreA(nullptr, r.initial, r.maximum, nullptr);
+    EXPECT_EQ(s != nullptr, r.ok) << r.initial << "/" << r.maximum;
+    if (s != nullptr) CloseHandle(s);
+    else EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  }
+}
+
+TEST(Semaphore, ReleaseReportsThePreviousCountAndNeverPassesTheMaximum) {
+  HANDLE s = CreateSemaphoreA(nullptr, 1, 3, nullptr);
+  LONG previous = -7;
+  EXPECT_TRUE(ReleaseSemaphore(s, 2, &previous));
+  EXPECT_EQ(previous, 1);
+  previous = -7;
+  EXPECT_FALSE(ReleaseSemaphore(s, 1, &previous));
+  EXPECT_EQ(GetLastError(), ERROR_TOO_MANY_POSTS);
+  EXPECT_EQ(previous, -7);
+  for (LONG bad : {0, -1}) {
+    EXPECT_FALSE(ReleaseSemaphore(s, bad, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  }
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(WaitForSingleObject(s, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(s, 0), WAIT_TIMEOUT);
+  CloseHandle(s);
+}
+
+TEST(Semaphore, AReleaseOfNLetsExactlyNSleepersThrough) {
+  HANDLE s = CreateSemaphoreA(nullptr, 0, 100, nullptr);
+  {
+    Waiters w(s, 4);
+    ASSERT_TRUE(ReleaseSemaphore(s, 3, nullptr));
+    w.AwaitReleased(s, 3);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(w.released.load(), 3);
+    ASSERT_TRUE(ReleaseSemaphore(s, 1, nullptr));
+  }
+  EXPECT_EQ(WaitForSingleObject(s, 0), WAIT_TIMEOUT);
+  CloseHandle(s);
+}
+
+TEST(Handles, BadClosedAndWrongKindHandlesFailWithInvalidHandle) {
+  HANDLE event = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+  HANDLE semaphore = CreateSemaphoreA(nullptr, 0, 1, nullptr);
+  HANDLE closed = CreateEventA(nullptr, TRUE, TRUE, nullptr);
+  ASSERT_TRUE(CloseHandle(closed));
+  const size_t live = QzHandleCount();
+  for (HANDLE h : {HANDLE(nullptr), closed, QZ_INVALID_HANDLE_VALUE, reinterpret_cast<HANDLE>(0x1234)}) {
+    for (auto call : {+[](HANDLE x) { return SetEvent(x); }, +[](HANDLE x) { return ResetEvent(x); },
+                      +[](HANDLE x) { return PulseEvent(x); },
+                      +[](HANDLE x) { return ReleaseSemaphore(x, 1, nullptr); }}) {
+      SetLastError(0);
+      EXPECT_FALSE(call(h));
+      EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    }
+    EXPECT_EQ(WaitForSingleObject(h, 0), WAIT_FAILED);
+    EXPECT_EQ(QzSyncWaiting(h), -1);
+  }
+  EXPECT_FALSE(SetEvent(semaphore));
+  EXPECT_FALSE(ReleaseSemaphore(event, 1, nullptr));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(QzHandleCount(), live);
+  CloseHandle(event);
+  CloseHandle(semaphore);
+}
+
+TEST(LocalTime, BrokenDownInTheZoneOnEveryWidthWithinTheRuntimesRange) {
+  const char* saved = getenv("TZ");
+  std::string old = saved ? saved : "";
+  setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+  tzset();
+  const struct { int64_t t; BOOL ok; int year, mon, mday, hour, min, sec, wday, yday, isdst; } rows[] = {
+      {0, TRUE, 70, 0, 1, 1, 0, 0, 4, 0, 0},
+      {1215820800, TRUE, 108, 6, 12, 2, 0, 0, 6, 193, 1},              // July: summer time
+      {2208988800, TRUE, 140, 0, 1, 1, 0, 0, 0, 0, 0},                 // 2040: past 2^31
+      {32535215999, TRUE, 1101, 0, 1, 0, 59, 59, 4, 0, 0},              // the runtime's last second
+      {32535216000, FALSE, 0, 0, 0, 0, 0, 0, 0, 0, 0},
+      {-1, FALSE, 0, 0, 0, 0, 0, 0, 0, 0, 0},
+  };
+  for (const auto& r : rows) {
+    QzLocalTime tm;
+    memset(&tm, 0x5A, sizeof tm);
+    EXPECT_EQ(QzLocalTimeOf(r.t, &tm), r.ok) << r.t;
+    const int got[] = {tm.tm_year, tm.tm_mon, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, tm.tm_wday, tm.tm_yday, tm.tm_isdst};
+    const int want[] = {r.year, r.mon, r.mday, r.hour, r.min, r.sec, r.wday, r.yday, r.isdst};
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(got[i], want[i]) << r.t << " field " << i;
+  }
+  if (saved) setenv("TZ", old.c_str(), 1); else unsetenv("TZ");
+  tzset();
+}
+
+}  // namespace

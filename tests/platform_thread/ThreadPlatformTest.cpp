@@ -1,0 +1,333 @@
+// The platform's threads, kills, version record, timer calls and fault guard.
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
+#include "QzTestFaults.h"
+#include "QzTestSupport.h"
+#include "platform/posix/Handles.h"
+
+using namespace qzsys;
+
+namespace {
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr bool kReaps = false;  // the sanitizers cannot join a killed thread
+#else
+constexpr bool kReaps = true;
+#endif
+
+struct Probe {
+  std::atomic<int> ran{0};
+  std::atomic<int> after{0};      // set by code that must never run
+  std::atomic<int> destroyed{0};  // set by a destructor that must never run
+  std::atomic<DWORD> tid{0};
+  int readFd = -1;
+  HANDLE waitOn = nullptr;
+  unsigned result = 0;
+};
+
+struct Sentinel {
+  std::atomic<int>* flag;
+  ~Sentinel() { flag->store(1); }
+};
+
+unsigned ReturnResult(void* p) {
+  auto* probe = static_cast<Probe*>(p);
+  probe->tid = GetCurrentThreadId();
+  probe->ran = 1;
+  return probe->result;
+}
+
+unsigned BlockInRead(void* p) {
+  auto* probe = static_cast<Probe*>(p);
+  Sentinel s{&probe->destroyed};
+  probe->ran = 1;
+  char c;
+  (void)read(probe->readFd, &c, 1);
+  probe->after = 1;
+  return 0;
+}
+
+unsigned BlockInWait(void* p) {
+  auto* probe = static_cast<Probe*>(p);
+  Sentinel s{&probe->destroyed};
+  probe->ran = 1;
+  WaitForSingleObject(probe->waitOn, INFINITE);
+  probe->after = 1;
+  return 0;
+}
+
+unsigned Spin(void* p) {
+  auto* probe = static_cast<Probe*>(p);
+  Sentinel s{&probe->destroyed};
+  probe->ran = 1;
+  volatile unsigned long n = 0;
+  while (probe->after.load(std::memory_order_relaxed) == 0) n = n + 1;
+  return 0;
+}
+
+HANDLE Begin(QzThreadStartRoutine fn, Probe* probe, bool suspended = true, unsigned stack = 0, unsigned* tid = nullptr) {
+  unsigned id = 0;
+  HANDLE h = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, stack, fn, probe, suspended ? CREATE_SUSPENDED : 0, &id));
+  if (tid) *tid = id;
+  return h;
+}
+
+void WaitUntil(const std::atomic<int>& flag) {
+  while (flag.load() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+DWORD ExitCode(HANDLE h) {
+  DWORD code = 0;
+  EXPECT_TRUE(GetExitCodeThread(h, &code));
+  return code;
+}
+
+TEST(PlatformThread, SuspendedUntilResumedThenExitCodeIsTheResult) {
+  Probe probe;
+  probe.result = 5;
+  unsigned tid = 0;
+  HANDLE h = Begin(&ReturnResult, &probe, true, 0, &tid);
+  ASSERT_NE(h, nullptr);
+  EXPECT_NE(tid, 0u);
+  EXPECT_EQ(WaitForSingleObject(h, 20), WAIT_TIMEOUT);
+  EXPECT_EQ(probe.ran.load(), 0);
+  EXPECT_EQ(ExitCode(h), STILL_ACTIVE);
+  EXPECT_EQ(ResumeThread(h), 1u);
+  EXPECT_EQ(WaitForSingleObject(h, INFINITE), WAIT_OBJECT_0);
+  EXPECT_EQ(probe.ran.load(), 1);
+  EXPECT_EQ(probe.tid.load(), tid);  // the id handed out is the thread's own
+  EXPECT_EQ(ExitCode(h), 5u);
+  EXPECT_EQ(ResumeThread(h), 0u);
+  EXPECT_TRUE(CloseHandle(h));
+  // Handles of other kinds and closed handles are refused.
+  EXPECT_EQ(ResumeThread(h), 0xFFFFFFFFu);
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+  DWORD code;
+  EXPECT_FALSE(GetExitCodeThread(h, &code));
+  EXPECT_FALSE(TerminateThread(h, 1));
+}
+
+TEST(PlatformThread, StackSizesFromTinyToLargeAndCreationFailures) {
+  for (unsigned stack : {1u, 65536u, 4u << 20}) {
+    Probe probe;
+    HANDLE h = Begin(&ReturnResult, &probe, false, stack);
+    ASSERT_NE(h, nullptr) << stack;
+    EXPECT_EQ(WaitForSingleObject(h, INFINITE), WAIT_OBJECT_0);
+    EXPECT_EQ(probe.ran.load(), 1);
+    CloseHandle(h);
+  }
+  Probe probe;
+  {
+    qztest::FaultScope fail(QZ_FAULT_CREATE_THREAD);
+    EXPECT_EQ(Begin(&ReturnResult, &probe), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_NOT_ENOUGH_MEMORY);
+  }
+  HANDLE h = Begin(&ReturnResult, &probe);
+  {
+    qztest::FaultScope fail(QZ_FAULT_RESUME_THREAD);
+    EXPECT_EQ(ResumeThread(h), 0xFFFFFFFFu);
+  }
+  EXPECT_EQ(WaitForSingleObject(h, 20), WAIT_TIMEOUT);
+  // Closing the only handle of a thread that was never resumed lets it go
+  // without running: nobody could resume it any more.
+  size_t handles = QzHandleCount();
+  EXPECT_TRUE(CloseHandle(h));
+  EXPECT_EQ(QzHandleCount(), handles - 1);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(probe.ran.load(), 0);
+}
+
+// A kill ends the thread where it stands: no code after the block, no
+// destructor, waiters wake with the given code, and the stack comes back.
+TEST(PlatformThread, TerminateStopsBlockedSpinningAndSuspendedThreads) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  Probe never;
+  // The thread killed in its wait keeps its reference to this object for
+  // good: a kill loses what the thread held.
+  HANDLE suspendedForever;
+  {
+#if defined(__SANITIZE_ADDRESS__)
+    __lsan::ScopedDisabler knownLoss;
+#endif
+    suspendedForever = Begin(&ReturnResult, &never);
+  }
+  struct Case { const char* name; QzThreadStartRoutine fn; } cases[] = {
+      {"blocked in a system call", &BlockInRead},
+      {"blocked in a wait", &BlockInWait},
+      {"spinning", &Spin},
+      {"suspended", &ReturnResult},
+  };
+  for (const Case& c : cases) {
+    if (qztest::kSpinningThreadsIgnoreKills && c.fn == &Spin) continue;
+    Probe probe;
+    probe.readFd = fds[0];
+    probe.waitOn = suspendedForever;
+    const bool suspended = c.fn == &ReturnResult;
+    HANDLE h = Begin(c.fn, &probe, suspended);
+    ASSERT_NE(h, nullptr);
+    if (!suspended) {
+      ResumeThread(h);
+      WaitUntil(probe.ran);
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));  // into the block
+    }
+    EXPECT_TRUE(TerminateThread(h, 0xFFFFFFFF)) << c.name;
+    EXPECT_EQ(WaitForSingleObject(h, 0), WAIT_OBJECT_0) << c.name;
+    EXPECT_EQ(ExitCode(h), 0xFFFFFFFFu) << c.name;
+    EXPECT_EQ(probe.after.load(), 0) << c.name;
+    EXPECT_EQ(probe.destroyed.load(), 0) << c.name;
+    EXPECT_EQ(probe.ran.load(), suspended ? 0 : 1) << c.name;
+    // A second kill, and a kill of an ended thread, do nothing.
+    EXPECT_TRUE(TerminateThread(h, 7));
+    EXPECT_EQ(ExitCode(h), 0xFFFFFFFFu);
+    EXPECT_TRUE(CloseHandle(h));
+  }
+  // The rest of the process is undisturbed: a pipe write is no signal to anyone.
+  ASSERT_EQ(write(fds[1], "x", 1), 1);
+  for (int i = 0; i < 200 && kReaps && QzThreadsAwaitingReap() != 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  if (kReaps) {
+    EXPECT_EQ(QzThreadsAwaitingReap(), 0u);
+  }
+  Probe ended;
+  ended.result = 3;
+  HANDLE h = Begin(&ReturnResult, &ended, false);
+  WaitForSingleObject(h, INFINITE);
+  EXPECT_TRUE(TerminateThread(h, 9));
+  EXPECT_EQ(ExitCode(h), 3u);
+  CloseHandle(h);
+  ResumeThread(suspendedForever);
+  EXPECT_EQ(WaitForSingleObject(suspendedForever, INFINITE), WAIT_OBJECT_0);
+  CloseHandle(suspendedForever);
+  close(fds[0]);
+  close(fds[1]);
+}
+
+unsigned ReportPriorityAndCpu(void* p) {
+  auto* probe = static_cast<Probe*>(p);
+  errno = 0;
+  probe->result = static_cast<unsigned>(getpriority(PRIO_PROCESS, 0));
+  probe->tid = static_cast<DWORD>(sched_getcpu());
+  probe->ran = 1;
+  return 0;
+}
+
+TEST(PlatformThread, PriorityAndAffinityBeforeTheFirstInstruction) {
+  cpu_set_t allowed;
+  ASSERT_EQ(sched_getaffinity(0, sizeof allowed, &allowed), 0);
+  int cpu = 0;
+  while (!CPU_ISSET(cpu, &allowed)) ++cpu;
+  Probe probe;
+  HANDLE h = Begin(&ReportPriorityAndCpu, &probe);
+  EXPECT_EQ(GetThreadPriority(h), THREAD_PRIORITY_NORMAL);
+  EXPECT_FALSE(SetThreadPriority(h, 3));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  {
+    qztest::FaultScope refuse(QZ_FAULT_THREAD_PRIORITY);
+    EXPECT_FALSE(SetThreadPriority(h, THREAD_PRIORITY_LOWEST));
+    EXPECT_EQ(SetThreadAffinityMask(h, 1), 0u);
+  }
+  EXPECT_TRUE(SetThreadPriority(h, THREAD_PRIORITY_LOWEST));
+  EXPECT_EQ(GetThreadPriority(h), THREAD_PRIORITY_LOWEST);
+  EXPECT_EQ(SetThreadAffinityMask(h, 0), 0u);
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  const int top = static_cast<int>(sizeof(DWORD_PTR) * 8 - 1);
+  if (!CPU_ISSET(top, &allowed)) {  // a processor the process may not use
+    EXPECT_EQ(SetThreadAffinityMask(h, (static_cast<DWORD_PTR>(1) << top) | 1), 0u);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  }
+  EXPECT_NE(SetThreadAffinityMask(h, static_cast<DWORD_PTR>(1) << cpu), 0u);
+  ResumeThread(h);
+  WaitForSingleObject(h, INFINITE);
+  EXPECT_EQ(probe.result, 10u);  // lowest is nice 10
+  EXPECT_EQ(probe.tid.load(), static_cast<DWORD>(cpu));
+  CloseHandle(h);
+}
+
+TEST(PlatformThread, VersionRecordBySize) {
+  OSVERSIONINFOEXA ex;
+  memset(&ex, 0xCC, sizeof ex);
+  ex.dwOSVersionInfoSize = 156;
+  ASSERT_TRUE(GetVersionExA(reinterpret_cast<OSVERSIONINFOA*>(&ex)));
+  EXPECT_EQ(ex.dwPlatformId, VER_PLATFORM_WIN32_NT);
+  EXPECT_EQ(ex.wProductType, 0);
+  OSVERSIONINFOA basic;
+  basic.dwOSVersionInfoSize = 148;
+  ASSERT_TRUE(GetVersionExA(&basic));
+  EXPECT_EQ(basic.dwPlatformId, VER_PLATFORM_WIN32_NT);
+  basic.dwOSVersionInfoSize = 150;
+  EXPECT_FALSE(GetVersionExA(&basic));
+  EXPECT_FALSE(GetVersionExA(nullptr));
+  static_assert(sizeof(OSVERSIONINFOA) == 148 && sizeof(OSVERSIONINFOEXA) == 156, "Windows sizes");
+}
+
+TEST(PlatformTimer, CapsPeriodsAndClock) {
+  TIMECAPS caps;
+  ASSERT_EQ(timeGetDevCaps(&caps, sizeof caps), TIMERR_NOERROR);
+  EXPECT_EQ(caps.wPeriodMin, 1u);
+  EXPECT_EQ(timeGetDevCaps(&caps, 4), TIMERR_NOCANDO);
+  EXPECT_EQ(timeBeginPeriod(0), TIMERR_NOCANDO);
+  EXPECT_EQ(timeEndPeriod(7), TIMERR_NOCANDO);  // never begun
+  EXPECT_EQ(timeBeginPeriod(7), TIMERR_NOERROR);
+  EXPECT_EQ(timeBeginPeriod(7), TIMERR_NOERROR);
+  EXPECT_EQ(QzTimePeriodOpenCount(7), 2u);
+  EXPECT_EQ(timeEndPeriod(7), TIMERR_NOERROR);
+  EXPECT_EQ(timeEndPeriod(7), TIMERR_NOERROR);
+  EXPECT_EQ(timeEndPeriod(7), TIMERR_NOCANDO);
+  {
+    qztest::FaultScope fail(QZ_FAULT_TIME_PERIOD);
+    EXPECT_EQ(timeGetDevCaps(&caps, sizeof caps), TIMERR_NOCANDO);
+    EXPECT_EQ(timeBeginPeriod(5), TIMERR_NOCANDO);
+  }
+  EXPECT_EQ(QzTimePeriodOpenCount(5), 0u);
+  DWORD a = timeGetTime();
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  DWORD b = timeGetTime();
+  EXPECT_GE(b - a, 29u);
+  EXPECT_LT(b - a, 2000u);
+}
+
+// ---- The fault guard that thread entries run under ------------------------------
+void Segv(void*) { qztest::FaultAccess(); }
+void DivideByZero(void*) { (void)qztest::FaultDivide(); }
+void Illegal(void*) { qztest::FaultIllegal(); }
+void Fine(void* p) { *static_cast<int*>(p) = 1; }
+void Throw(void*) { throw 42; }
+void ProbeThenFault(void* p) {
+  // A probe inside the guarded call must leave the outer guard in place.
+  EXPECT_FALSE(QzGuardedProbe([](volatile void* a) { (void)*static_cast<volatile char*>(a); },
+                              reinterpret_cast<volatile void*>(uintptr_t(8))));
+  *static_cast<int*>(p) = 1;
+  Segv(nullptr);
+}
+
+TEST(PlatformGuard, CatchesProcessorFaultsLetsExceptionsThroughAndNests) {
+  int ran = 0;
+  EXPECT_FALSE(QzGuardedCall(&Segv, nullptr));
+  EXPECT_FALSE(QzGuardedCall(&DivideByZero, nullptr));
+  EXPECT_FALSE(QzGuardedCall(&Illegal, nullptr));
+  EXPECT_TRUE(QzGuardedCall(&Fine, &ran));
+  EXPECT_EQ(ran, 1);
+  EXPECT_THROW(QzGuardedCall(&Throw, nullptr), int);
+  ran = 0;
+  EXPECT_FALSE(QzGuardedCall(&ProbeThenFault, &ran));
+  EXPECT_EQ(ran, 1);
+  // Outside every guard a fault is the process's again.
+  EXPECT_DEATH(Segv(nullptr), "");
+}
+
+}  // namespace

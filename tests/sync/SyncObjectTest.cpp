@@ -1,0 +1,200 @@
+// Sync objects: the exception of a section without memory, the result and
+// log line of every failure, and the condition with several waiters.
+#include <gtest/gtest.h>
+
+#include <qzbase/qzbase.h>
+
+#include <atomic>
+#include <functional>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "QzTestSupport.h"
+#include "platform/QzPlatform.h"
+#include "platform/posix/Handles.h"
+#include "threads/QzSyncObject.h"
+
+using namespace qzsys;
+using qztest::DebugCapture;
+using qztest::FaultScope;
+
+namespace {
+
+struct Logged {
+  const char* expression;
+  HRESULT error;
+};
+
+// The expected message lines of API errors, line numbers left out.
+std::vector<std::string> Expected(std::initializer_list<Logged> lines) {
+  std::vector<std::string> out;
+  for (const Logged& l : lines) {
+    char code[16];
+    snprintf(code, sizeof code, "0x%08x", static_cast<unsigned>(l.error));
+    out.push_back(std::string("Error: In file QzSyncObject at line N: '") + l.expression + "' failed with error " +
+                  code + " (" + QzStringT<char>::GetWin32Error(l.error).c_str() + ").\n");
+  }
+  return out;
+}
+
+// What was captured, without the time prefix and with the line number as N.
+std::vector<std::string> Captured(const DebugCapture& capture) {
+  static const std::regex prefix(R"(^\[[^\]]*\] )"), line(R"(at line \d+:)");
+  std::vector<std::string> out;
+  for (const std::string& text : capture.texts()) {
+    out.push_back(std::regex_replace(std::regex_replace(text, prefix, ""), line, "at line N:"));
+  }
+  return out;
+}
+
+bool HeldByAnotherThread(QzCriticalSection* cs) {
+  bool got = false;
+  std::thread([&] { got = Qz_TryEnterCriticalSection(cs) != 0; if (got) Qz_LeaveCriticalSection(cs); }).join();
+  return !got;
+}
+
+TEST(CriticalSection, NoMemoryThrowsFromBothFormsAndTheConditionMakesNothing) {
+  const size_t handles = QzHandleCount();
+  for (int form = 0; form < 3; ++form) {
+    FaultScope fault(QZ_FAULT_CRITICAL_SECTION);
+    QzCriticalSection cs;
+    try {
+      if (form == 0) {
+        Qz_InitializeCriticalSection(&cs);
+      } else if (form == 1) {
+        Qz_InitializeCriticalSection(&cs, 4000);
+      } else {
+        QzThreadCondition condition(&cs);
+      }
+      ADD_FAILURE() << "no exception from form " << form;
+    } catch (const QzException& e) {
+      EXPECT_STREQ(e.GetText(), QzStringT<char>::GetWin32Error(E_OUTOFMEMORY).c_str());
+    }
+    if (form < 2) {  // not usable, and every call on it does nothing
+      EXPECT_EQ(cs.LockSemaphore, nullptr);
+      Qz_EnterCriticalSection(&cs);
+      EXPECT_EQ(Qz_TryEnterCriticalSection(&cs), 0);
+      Qz_LeaveCriticalSection(&cs);
+      Qz_DeleteCriticalSection(&cs);
+    }
+  }
+  EXPECT_EQ(QzHandleCount(), handles);
+}
+
+TEST(CriticalSection, TheHolderReleasesTheSectionWhenAnExceptionPasses) {
+  QzCriticalSection cs;
+  Qz_InitializeCriticalSection(&cs);
+  try {
+    QzCriticalSectionHolder hold(&cs);
+    QzCriticalSectionHolder again(&cs);
+    EXPECT_TRUE(HeldByAnotherThread(&cs));
+    throw QzException(E_FAIL);
+  } catch (const QzException&) {
+  }
+  EXPECT_FALSE(HeldByAnotherThread(&cs));
+  Qz_DeleteCriticalSection(&cs);
+}
+
+TEST(SyncObjects, EveryFailureGivesItsResultAndExactlyItsLogLines) {
+  const HRESULT kNoMemory = HRESULT(0x80070008), kDenied = HRESULT(0x80070005), kBadHandle = HRESULT(0x80070006),
+                kTooMany = HRESULT(0x8007012A), kTimeOut = HRESULT(0x800705B4);
+  struct Row {
+    const char* what;
+    std::function<HRESULT()> run;
+    HRESULT result;
+    std::vector<std::string> lines;
+  };
+  QzCriticalSection cs;
+  Qz_InitializeCriticalSection(&cs);
+  const Row rows[] = {
+      {"event without memory",
+       [] { FaultScope f(QZ_FAULT_CREATE_EVENT); QzThreadEvent e; return e.GetHandle() ? S_OK : E_FAIL; }, E_FAIL,
+       Expected({{"QzThreadEvent::CreateEvent", kNoMemory}})},
+      {"event time-out is silent", [] { QzThreadEvent e; return e.Wait(0); }, kTimeOut, {}},
+      {"event wait fails, and takes nothing",
+       [] {
+         QzThreadEvent e(0, 1);
+         { FaultScope f(QZ_FAULT_WAIT); if (e.Wait(INFINITE) != HRESULT(0xFFFFFFFFu)) return E_FAIL; }
+         return e.Wait(0);
+       },
+       S_OK, Expected({{"QzThreadEvent::Wait", kBadHandle}})},
+      {"event changes refused",
+       [] {
+         QzThreadEvent e;
+         FaultScope f(QZ_FAULT_SET_EVENT);
+         HRESULT a = e.Signal(), b = e.Reset(), c = e.Pulse();
+         return a == b && b == c ? a : E_FAIL;
+       },
+       kDenied,
+       Expected({{"QzThreadEvent::Signal", kDenied}, {"QzThreadEvent::Reset", kDenied}, {"QzThreadEvent::Pulse", kDenied}})},
+      {"semaphore without memory",
+       [] { FaultScope f(QZ_FAULT_CREATE_SEMAPHORE); QzThreadSemaphore s; return s.Unlock(); }, kBadHandle,
+       Expected({{"QzThreadSemaphore::CreateSemaphore", kNoMemory}, {"QzThreadSemaphore::Unlock", kBadHandle}})},
+      {"semaphore with bad counts", [] { QzThreadSemaphore s(5, 1); return s.GetHandle() ? S_OK : E_FAIL; }, E_FAIL,
+       Expected({{"QzThreadSemaphore::CreateSemaphore", E_INVALIDARG}})},
+      {"semaphore time-out is logged", [] { QzThreadSemaphore s; return s.Lock(0); }, kTimeOut,
+       Expected({{"QzThreadSemaphore::Lock", kTimeOut}})},
+      {"semaphore past its maximum", [] { QzThreadSemaphore s(1, 1); return s.Unlock(); }, kTooMany,
+       Expected({{"QzThreadSemaphore::Unlock", kTooMany}})},
+      {"semaphore posts nothing", [] { QzThreadSemaphore s; return s.PostN(0); }, E_INVALIDARG,
+       Expected({{"QzThreadSemaphore::PostN", E_INVALIDARG}})},
+      {"semaphore release refused, and nothing added",
+       [] {
+         QzThreadSemaphore s;
+         { FaultScope f(QZ_FAULT_RELEASE_SEMAPHORE); if (s.PostN(2) != kDenied) return E_FAIL; }
+         return s.Lock(0);
+       },
+       kTimeOut, Expected({{"QzThreadSemaphore::PostN", kDenied}, {"QzThreadSemaphore::Lock", kTimeOut}})},
+      {"condition without its event",
+       [&cs] { FaultScope f(QZ_FAULT_CREATE_EVENT, 1); QzThreadCondition c(&cs); return c.Broadcast(); }, S_OK,
+       Expected({{"QzThreadCondition::QzThreadCondition: CreateEventA", kNoMemory}})},
+      {"condition without its semaphore waits in vain, lock held",
+       [&cs] {
+         FaultScope f(QZ_FAULT_CREATE_SEMAPHORE);
+         QzThreadCondition c(&cs);
+         Qz_EnterCriticalSection(&cs);
+         HRESULT hr = c.Wait(INFINITE);
+         bool held = HeldByAnotherThread(&cs);
+         Qz_LeaveCriticalSection(&cs);
+         return held && c.Signal() == S_OK ? hr : E_FAIL;
+       },
+       kBadHandle,
+       Expected({{"QzThreadSemaphore::CreateSemaphore", kNoMemory}, {"QzThreadSemaphore::Lock", kBadHandle}})},
+      {"condition cannot close its event",
+       [&cs] {
+         void* event;
+         {
+           FaultScope f(QZ_FAULT_CLOSE_HANDLE, 0, 1);
+           QzThreadCondition c(&cs);
+           event = QzThreadConditionProbe::WaitersDone(c);
+         }
+         return CloseHandle(event) ? S_OK : E_FAIL;  // the failed close left it open
+       },
+       S_OK, Expected({{"QzThreadCondition::QzThreadCondition: Close auto reset event handle", HRESULT(0x8007045D)}})},
+  };
+  const size_t handles = QzHandleCount();
+  for (const Row& row : rows) {
+    DebugCapture capture;
+    EXPECT_EQ(row.run(), row.result) << row.what;
+    EXPECT_EQ(Captured(capture), row.lines) << row.what;
+  }
+  {  // a failed event keeps handle 0, and every call fails on it
+    DebugCapture capture;
+    QzThreadEvent* e;
+    {
+      FaultScope f(QZ_FAULT_CREATE_EVENT);
+      e = new QzThreadEvent(1, 1);
+    }
+    capture.clear();
+    EXPECT_EQ(e->Wait(0), HRESULT(0xFFFFFFFFu));
+    EXPECT_EQ(e->Pulse(), kBadHandle);
+    EXPECT_EQ(Captured(capture), Expected({{"QzThreadEvent::Wait", kBadHandle}, {"QzThreadEvent::Pulse", kBadHandle}}));
+    delete e;
+  }
+  EXPECT_EQ(QzHandleCount(), handles);
+  Qz_DeleteCriticalSection(&cs);
+}
+}  // namespace
