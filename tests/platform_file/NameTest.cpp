@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <optional>
 #include <set>
 #include <thread>
 
@@ -48,67 +49,49 @@ TEST(PlatformFileNames, AttributesComeFromTheModeAndReadOnlyCanBeTakenBack) {
   EXPECT_TRUE(Handle(Open(f, kWrite)).valid());
 }
 
-TEST(PlatformFileNames, DeleteRefusesWhatWindowsRefuses) {
-  TempFolder dir;
-  WriteAll(dir / "f", "x");
-  WriteAll(dir / "ro", "x");
-  ASSERT_TRUE(SetFileAttributesA((dir / "ro").c_str(), FILE_ATTRIBUTE_READONLY));
-  mkdir((dir / "d").c_str(), 0755);
-  const struct {
-    std::string path;
-    DWORD error;
-  } rows[] = {
-      {dir / "d", ERROR_ACCESS_DENIED},
-      {dir / "ro", ERROR_ACCESS_DENIED},  // for root too
-      {dir / "none", ERROR_FILE_NOT_FOUND},
-      {dir / "none/f", ERROR_PATH_NOT_FOUND},
-  };
-  for (const auto& r : rows) {
-    EXPECT_FALSE(DeleteFileA(r.path.c_str())) << r.path;
-    EXPECT_EQ(GetLastError(), r.error) << r.path;
-  }
-  EXPECT_FALSE(DeleteFileA(nullptr));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-  {
-    FaultScope fault(QZ_FAULT_DELETE_FILE);
-    EXPECT_FALSE(DeleteFileA((dir / "f").c_str()));
-  }
-  EXPECT_TRUE(Exists(dir / "f") && Exists(dir / "ro") && Exists(dir / "d"));
-  EXPECT_TRUE(DeleteFileA((dir / "f").c_str()));
-  EXPECT_FALSE(Exists(dir / "f"));
-}
-
-TEST(PlatformFileNames, MoveNeverReplacesAnExistingTarget) {
+TEST(PlatformFileNames, DeleteAndMoveRefuseWhatWindowsRefusesAndNeverReplace) {
   TempFolder dir;
   WriteAll(dir / "a", "A");
   WriteAll(dir / "b", "B");
+  WriteAll(dir / "ro", "R");
+  ASSERT_TRUE(SetFileAttributesA((dir / "ro").c_str(), FILE_ATTRIBUTE_READONLY));
   mkdir((dir / "d").c_str(), 0755);
   const struct {
-    std::string from, to;
+    const char* from;
+    const char* to;  // nullptr: a delete of `from`
     DWORD error;
-  } refused[] = {
-      {dir / "a", dir / "b", ERROR_ALREADY_EXISTS},
-      {dir / "a", dir / "d", ERROR_ALREADY_EXISTS},
-      {dir / "a", dir / "a", ERROR_ALREADY_EXISTS},
-      {dir / "none", dir / "c", ERROR_FILE_NOT_FOUND},
-      {dir / "a", dir / "none/c", ERROR_PATH_NOT_FOUND},
-      {dir / "a", "", ERROR_PATH_NOT_FOUND},
+    QzFault fault = QZ_FAULT_COUNT;
+  } rows[] = {
+      {"d", nullptr, ERROR_ACCESS_DENIED},
+      {"ro", nullptr, ERROR_ACCESS_DENIED},  // for root too
+      {"none", nullptr, ERROR_FILE_NOT_FOUND},
+      {"none/f", nullptr, ERROR_PATH_NOT_FOUND},
+      {"a", nullptr, ERROR_ACCESS_DENIED, QZ_FAULT_DELETE_FILE},
+      {"a", "b", ERROR_ALREADY_EXISTS},
+      {"a", "d", ERROR_ALREADY_EXISTS},
+      {"a", "a", ERROR_ALREADY_EXISTS},
+      {"none", "c", ERROR_FILE_NOT_FOUND},
+      {"a", "none/c", ERROR_PATH_NOT_FOUND},
+      {"a", "c", ERROR_ACCESS_DENIED, QZ_FAULT_MOVE_FILE},
   };
-  for (const auto& r : refused) {
-    EXPECT_FALSE(MoveFileA(r.from.c_str(), r.to.c_str())) << r.from << " -> " << r.to;
-    EXPECT_EQ(GetLastError(), r.error) << r.from << " -> " << r.to;
+  for (const auto& r : rows) {
+    SCOPED_TRACE(testing::Message() << r.from << " -> " << (r.to ? r.to : "(delete)"));
+    std::optional<FaultScope> fault;
+    if (r.fault != QZ_FAULT_COUNT) fault.emplace(r.fault);
+    EXPECT_FALSE(r.to ? MoveFileA((dir / r.from).c_str(), (dir / r.to).c_str()) : DeleteFileA((dir / r.from).c_str()));
+    EXPECT_EQ(GetLastError(), r.error);
   }
-  {
-    FaultScope fault(QZ_FAULT_MOVE_FILE);
-    EXPECT_FALSE(MoveFileA((dir / "a").c_str(), (dir / "c").c_str()));
-  }
-  EXPECT_EQ(ReadAll(dir / "a"), "A");
-  EXPECT_EQ(ReadAll(dir / "b"), "B");
+  EXPECT_FALSE(DeleteFileA(nullptr));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  EXPECT_FALSE(MoveFileA((dir / "a").c_str(), ""));
+  EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+  EXPECT_EQ(ReadAll(dir / "a") + ReadAll(dir / "b") + ReadAll(dir / "ro"), "ABR");
   EXPECT_FALSE(Exists(dir / "c"));
   EXPECT_TRUE(MoveFileA((dir / "a").c_str(), (dir / "d/c").c_str()));
   EXPECT_TRUE(MoveFileA((dir / "d").c_str(), (dir / "e").c_str()));  // folders move too
-  EXPECT_FALSE(Exists(dir / "a"));
   EXPECT_EQ(ReadAll(dir / "e/c"), "A");
+  EXPECT_TRUE(DeleteFileA((dir / "e/c").c_str()));
+  EXPECT_FALSE(Exists(dir / "a") || Exists(dir / "e/c"));
 }
 
 TEST(PlatformFileNames, MoveAcrossFileSystemsCopiesThenRemoves) {
@@ -151,8 +134,16 @@ TEST(PlatformFileTemp, TempPathEndsInOneSeparatorAndReportsTheSizeItNeeds) {
   EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
 }
 
-TEST(PlatformFileTemp, NamesAreMadeExclusivelyAndNeverRepeatAcrossThreads) {
+TEST(PlatformFileTemp, NamesAreMadeExclusivelyAndNeverRepeatOrReplaceAFile) {
   TempFolder dir;
+  // Numbers come one after another within the process: plant the next two.
+  char name[MAX_PATH], planted[2][MAX_PATH];
+  const UINT first = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
+  ASSERT_NE(first, 0u);
+  for (UINT i = 0; i < 2; ++i) {
+    GetTempFileNameA(dir.path().c_str(), "TFR", ((first + 1 + i) & 0xFFFF) == 0 ? 1 : first + 1 + i, planted[i]);
+    WriteAll(planted[i], "keep");
+  }
   constexpr int kPerThread = 150;
   std::vector<std::pair<std::string, UINT>> made[2];
   auto make = [&](int t) {
@@ -165,36 +156,19 @@ TEST(PlatformFileTemp, NamesAreMadeExclusivelyAndNeverRepeatAcrossThreads) {
   std::thread other(make, 1);
   make(0);
   other.join();
-  std::set<std::string> all;
+  std::set<std::string> all{name, planted[0], planted[1]};
   for (const auto& list : made) {
     EXPECT_EQ(list.size(), size_t(kPerThread));
-    for (const auto& [name, number] : list) {
+    for (const auto& [path, number] : list) {
       char expected[16];
       snprintf(expected, sizeof expected, "/TFR%04X.tmp", number);
-      EXPECT_EQ(name, dir.path() + expected);
-      struct stat st;
-      EXPECT_TRUE(stat(name.c_str(), &st) == 0 && st.st_size == 0) << name;
-      all.insert(name);
+      EXPECT_EQ(path, dir.path() + expected);
+      EXPECT_TRUE(Exists(path)) << path;
+      all.insert(path);
     }
   }
-  EXPECT_EQ(all.size(), size_t(2 * kPerThread));
-}
-
-TEST(PlatformFileTemp, AnExistingNameIsSkippedNotReused) {
-  // Numbers come one after another within the process; plant the next two.
-  TempFolder dir;
-  char name[MAX_PATH], planted[2][MAX_PATH];
-  const UINT n = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
-  ASSERT_NE(n, 0u);
-  for (UINT i = 0; i < 2; ++i) {
-    GetTempFileNameA(dir.path().c_str(), "TFR", ((n + 1 + i) & 0xFFFF) == 0 ? 1 : n + 1 + i, planted[i]);
-    WriteAll(planted[i], "keep");
-  }
-  ASSERT_NE(GetTempFileNameA(dir.path().c_str(), "TFR", 0, name), 0u);
-  for (const char* p : planted) {
-    EXPECT_STRNE(name, p);
-    EXPECT_EQ(ReadAll(p), "keep");
-  }
+  EXPECT_EQ(all.size(), size_t(2 * kPerThread + 3));
+  for (const char* p : planted) EXPECT_EQ(ReadAll(p), "keep");
 }
 
 TEST(PlatformFileTemp, NameRulesAndFailures) {
