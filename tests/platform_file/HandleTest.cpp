@@ -155,7 +155,7 @@ TEST(PlatformFileIo, CloseUnderAReadInAnotherThreadNeverReachesTheNextFile) {
   std::atomic<bool> sawOther{false};
   DWORD lastError = 0;
   std::thread reader([&] {
-    for (;;) {
+    for (int i = 0; i < 10000000; ++i) {  // bounded, so that a stale handle that works fails rather than hangs
       char c = 0;
       DWORD n = 0;
       if (SetFilePointer(h, 0, nullptr, FILE_BEGIN) != 0 || !ReadFile(h, &c, 1, &n, nullptr)) {
