@@ -1,28 +1,31 @@
 // Calls on a name: attributes, delete, move; the temporary folder and names.
-#include "FileTestSupport.h"
+#include <gtest/gtest.h>
 
-#include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <optional>
 #include <set>
 #include <thread>
 
-using namespace qzfiletest;
+#include "QzTestFiles.h"
+
+using namespace qzsys;
 using namespace qztest;
 
 namespace {
 
-TEST(PlatformFileNames, AttributesComeFromTheModeAndReadOnlyIsEnforced) {
+TEST(PlatformFileNames, AttributesComeFromTheModeAndReadOnlyCanBeTakenBack) {
   TempFolder dir;
-  WriteAll(dir / "f", "x");
-  mkdir((dir / "d").c_str(), 0755);
+  const std::string f = dir / "f", d = dir / "d";
+  WriteAll(f, "x");
+  mkdir(d.c_str(), 0755);
   const struct {
     std::string path;
-    DWORD attributes;
-    DWORD error;
+    DWORD attributes, error;
   } rows[] = {
-      {dir / "f", FILE_ATTRIBUTE_NORMAL, 0},
-      {dir / "d", FILE_ATTRIBUTE_DIRECTORY, 0},
+      {f, FILE_ATTRIBUTE_NORMAL, 0},
+      {d, FILE_ATTRIBUTE_DIRECTORY, 0},
       {dir / "none", INVALID_FILE_ATTRIBUTES, ERROR_FILE_NOT_FOUND},
       {dir / "none/f", INVALID_FILE_ATTRIBUTES, ERROR_PATH_NOT_FOUND},
       {"", INVALID_FILE_ATTRIBUTES, ERROR_PATH_NOT_FOUND},
@@ -32,91 +35,63 @@ TEST(PlatformFileNames, AttributesComeFromTheModeAndReadOnlyIsEnforced) {
     EXPECT_EQ(GetFileAttributesA(r.path.c_str()), r.attributes) << r.path;
     EXPECT_EQ(GetLastError(), r.error) << r.path;
   }
-
-  std::string f = dir / "f";
+  // Read-only comes and goes (its refusals are the open's and delete's tests).
   ASSERT_TRUE(SetFileAttributesA(f.c_str(), FILE_ATTRIBUTE_READONLY));
   EXPECT_EQ(GetFileAttributesA(f.c_str()), FILE_ATTRIBUTE_READONLY);
-  // Read-only holds even for root: no writing open, no delete; reading is fine.
-  EXPECT_EQ(Open(f, kWrite), QZ_INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-  EXPECT_FALSE(DeleteFileA(f.c_str()));
-  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-  EXPECT_TRUE(Handle(Open(f, kRead)).valid());
   ASSERT_TRUE(SetFileAttributesA(f.c_str(), FILE_ATTRIBUTE_NORMAL));
-  EXPECT_EQ(GetFileAttributesA(f.c_str()), FILE_ATTRIBUTE_NORMAL);
-  EXPECT_TRUE(DeleteFileA(f.c_str()));
-  EXPECT_FALSE(Exists(f));
-
+  EXPECT_TRUE(Handle(Open(f, kWrite)).valid());
   EXPECT_FALSE(SetFileAttributesA((dir / "none").c_str(), FILE_ATTRIBUTE_NORMAL));
   EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-  {
-    FaultScope fault(QZ_FAULT_FILE_ATTRIBUTES);
-    EXPECT_EQ(GetFileAttributesA((dir / "d").c_str()), INVALID_FILE_ATTRIBUTES);
-    EXPECT_FALSE(SetFileAttributesA((dir / "d").c_str(), FILE_ATTRIBUTE_READONLY));
-  }
-  EXPECT_EQ(GetFileAttributesA((dir / "d").c_str()), FILE_ATTRIBUTE_DIRECTORY);
+  FaultScope fault(QZ_FAULT_FILE_ATTRIBUTES);
+  EXPECT_EQ(GetFileAttributesA(d.c_str()), INVALID_FILE_ATTRIBUTES);
+  EXPECT_FALSE(SetFileAttributesA(f.c_str(), FILE_ATTRIBUTE_READONLY));
+  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+  EXPECT_TRUE(Handle(Open(f, kWrite)).valid());
 }
 
-TEST(PlatformFileNames, DeleteRefusesFoldersAndMissingNamesAndObeysItsSwitch) {
-  TempFolder dir;
-  WriteAll(dir / "f", "x");
-  mkdir((dir / "d").c_str(), 0755);
-  const struct {
-    std::string path;
-    DWORD error;
-  } rows[] = {
-      {dir / "d", ERROR_ACCESS_DENIED},
-      {dir / "none", ERROR_FILE_NOT_FOUND},
-      {dir / "none/f", ERROR_PATH_NOT_FOUND},
-  };
-  for (const auto& r : rows) {
-    EXPECT_FALSE(DeleteFileA(r.path.c_str())) << r.path;
-    EXPECT_EQ(GetLastError(), r.error) << r.path;
-  }
-  EXPECT_FALSE(DeleteFileA(nullptr));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-  {
-    FaultScope fault(QZ_FAULT_DELETE_FILE);
-    EXPECT_FALSE(DeleteFileA((dir / "f").c_str()));
-  }
-  EXPECT_TRUE(Exists(dir / "f"));
-  EXPECT_TRUE(Exists(dir / "d"));
-}
-
-TEST(PlatformFileNames, MoveNeverReplacesAnExistingTarget) {
+TEST(PlatformFileNames, DeleteAndMoveRefuseWhatWindowsRefusesAndNeverReplace) {
   TempFolder dir;
   WriteAll(dir / "a", "A");
   WriteAll(dir / "b", "B");
+  WriteAll(dir / "ro", "R");
+  ASSERT_TRUE(SetFileAttributesA((dir / "ro").c_str(), FILE_ATTRIBUTE_READONLY));
   mkdir((dir / "d").c_str(), 0755);
   const struct {
-    std::string from, to;
+    const char* from;
+    const char* to;  // nullptr: a delete of `from`
     DWORD error;
-  } refused[] = {
-      {dir / "a", dir / "b", ERROR_ALREADY_EXISTS},
-      {dir / "a", dir / "d", ERROR_ALREADY_EXISTS},
-      {dir / "a", dir / "a", ERROR_ALREADY_EXISTS},
-      {dir / "none", dir / "c", ERROR_FILE_NOT_FOUND},
-      {dir / "a", dir / "none/c", ERROR_PATH_NOT_FOUND},
-      {dir / "a", "", ERROR_PATH_NOT_FOUND},
+    QzFault fault = QZ_FAULT_COUNT;
+  } rows[] = {
+      {"d", nullptr, ERROR_ACCESS_DENIED},
+      {"ro", nullptr, ERROR_ACCESS_DENIED},  // for root too
+      {"none", nullptr, ERROR_FILE_NOT_FOUND},
+      {"none/f", nullptr, ERROR_PATH_NOT_FOUND},
+      {"a", nullptr, ERROR_ACCESS_DENIED, QZ_FAULT_DELETE_FILE},
+      {"a", "b", ERROR_ALREADY_EXISTS},
+      {"a", "d", ERROR_ALREADY_EXISTS},
+      {"a", "a", ERROR_ALREADY_EXISTS},
+      {"none", "c", ERROR_FILE_NOT_FOUND},
+      {"a", "none/c", ERROR_PATH_NOT_FOUND},
+      {"a", "c", ERROR_ACCESS_DENIED, QZ_FAULT_MOVE_FILE},
   };
-  for (const auto& r : refused) {
-    EXPECT_FALSE(MoveFileA(r.from.c_str(), r.to.c_str())) << r.from << " -> " << r.to;
-    EXPECT_EQ(GetLastError(), r.error) << r.from << " -> " << r.to;
+  for (const auto& r : rows) {
+    SCOPED_TRACE(testing::Message() << r.from << " -> " << (r.to ? r.to : "(delete)"));
+    std::optional<FaultScope> fault;
+    if (r.fault != QZ_FAULT_COUNT) fault.emplace(r.fault);
+    EXPECT_FALSE(r.to ? MoveFileA((dir / r.from).c_str(), (dir / r.to).c_str()) : DeleteFileA((dir / r.from).c_str()));
+    EXPECT_EQ(GetLastError(), r.error);
   }
-  {
-    FaultScope fault(QZ_FAULT_MOVE_FILE);
-    EXPECT_FALSE(MoveFileA((dir / "a").c_str(), (dir / "c").c_str()));
-  }
-  EXPECT_EQ(ReadAll(dir / "a"), "A");
-  EXPECT_EQ(ReadAll(dir / "b"), "B");
+  EXPECT_FALSE(DeleteFileA(nullptr));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  EXPECT_FALSE(MoveFileA((dir / "a").c_str(), ""));
+  EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+  EXPECT_EQ(ReadAll(dir / "a") + ReadAll(dir / "b") + ReadAll(dir / "ro"), "ABR");
   EXPECT_FALSE(Exists(dir / "c"));
-
   EXPECT_TRUE(MoveFileA((dir / "a").c_str(), (dir / "d/c").c_str()));
-  EXPECT_FALSE(Exists(dir / "a"));
-  EXPECT_EQ(ReadAll(dir / "d/c"), "A");
-  // Folders move too.
-  EXPECT_TRUE(MoveFileA((dir / "d").c_str(), (dir / "e").c_str()));
+  EXPECT_TRUE(MoveFileA((dir / "d").c_str(), (dir / "e").c_str()));  // folders move too
   EXPECT_EQ(ReadAll(dir / "e/c"), "A");
+  EXPECT_TRUE(DeleteFileA((dir / "e/c").c_str()));
+  EXPECT_FALSE(Exists(dir / "a") || Exists(dir / "e/c"));
 }
 
 TEST(PlatformFileNames, MoveAcrossFileSystemsCopiesThenRemoves) {
@@ -124,8 +99,7 @@ TEST(PlatformFileNames, MoveAcrossFileSystemsCopiesThenRemoves) {
   struct stat here, shm;
   if (stat("/dev/shm", &shm) != 0 || stat(dir.path().c_str(), &here) != 0 || shm.st_dev == here.st_dev)
     GTEST_SKIP() << "no second file system at /dev/shm";
-  std::string other = "/dev/shm/qz-move-" + std::to_string(getpid());
-  std::string content(200000, 'm');
+  const std::string other = "/dev/shm/qz-move-" + std::to_string(getpid()), content(200000, 'm');
   WriteAll(dir / "a", content);
   chmod((dir / "a").c_str(), 0640);
   ASSERT_TRUE(MoveFileA((dir / "a").c_str(), other.c_str()));
@@ -134,117 +108,85 @@ TEST(PlatformFileNames, MoveAcrossFileSystemsCopiesThenRemoves) {
   struct stat moved;
   ASSERT_EQ(stat(other.c_str(), &moved), 0);
   EXPECT_EQ(moved.st_mode & 0777, 0640u);
-  // Back again onto a name that exists: refused, both stay.
-  WriteAll(dir / "b", "B");
+  WriteAll(dir / "b", "B");  // back onto a name that exists: refused, both stay
   EXPECT_FALSE(MoveFileA(other.c_str(), (dir / "b").c_str()));
   EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
   EXPECT_EQ(ReadAll(dir / "b"), "B");
-  EXPECT_TRUE(Exists(other));
   EXPECT_TRUE(DeleteFileA(other.c_str()));
 }
 
 TEST(PlatformFileTemp, TempPathEndsInOneSeparatorAndReportsTheSizeItNeeds) {
   const struct {
-    const char* tmpdir;
-    const char* expected;
+    const char *tmpdir, *expected;
   } rows[] = {{nullptr, "/tmp/"}, {"", "/tmp/"}, {"/var/x", "/var/x/"}, {"/var/x/", "/var/x/"}, {"/", "/"}};
+  char buffer[MAX_PATH];
   for (const auto& r : rows) {
     EnvScope scope("TMPDIR", r.tmpdir);
-    char buffer[MAX_PATH];
-    DWORD n = GetTempPathA(MAX_PATH, buffer);
+    const DWORD n = GetTempPathA(MAX_PATH, buffer);
     EXPECT_EQ(n, strlen(r.expected));
     EXPECT_STREQ(buffer, r.expected);
-    // Too small by one (no room for the terminator): the size needed, nothing written.
-    memset(buffer, '#', sizeof buffer);
+    buffer[0] = '#';  // too small by the terminator: the size needed, nothing written
     EXPECT_EQ(GetTempPathA(n, buffer), n + 1);
     EXPECT_EQ(buffer[0], '#');
   }
   FaultScope fault(QZ_FAULT_TEMP_PATH);
-  char buffer[MAX_PATH];
   EXPECT_EQ(GetTempPathA(MAX_PATH, buffer), 0u);
   EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
 }
 
-bool IsTempName(const std::string& name, const std::string& folder, const std::string& prefix) {
-  if (name.size() != folder.size() + prefix.size() + 8 || name.compare(0, folder.size(), folder) != 0) return false;
-  std::string rest = name.substr(folder.size());
-  if (rest.compare(0, prefix.size(), prefix) != 0 || rest.substr(prefix.size() + 4) != ".tmp") return false;
-  for (char c : rest.substr(prefix.size(), 4))
-    if (!isxdigit(static_cast<unsigned char>(c)) || islower(static_cast<unsigned char>(c))) return false;
-  return true;
-}
-
-TEST(PlatformFileTemp, NamesAreMadeExclusivelyAndNeverRepeatAcrossThreads) {
+TEST(PlatformFileTemp, NamesAreMadeExclusivelyAndNeverRepeatOrReplaceAFile) {
   TempFolder dir;
-  const std::string folder = dir.path() + "/";
+  // Numbers come one after another within the process: plant the next two.
+  char name[MAX_PATH], planted[2][MAX_PATH];
+  const UINT first = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
+  ASSERT_NE(first, 0u);
+  for (UINT i = 0; i < 2; ++i) {
+    GetTempFileNameA(dir.path().c_str(), "TFR", ((first + 1 + i) & 0xFFFF) == 0 ? 1 : first + 1 + i, planted[i]);
+    WriteAll(planted[i], "keep");
+  }
   constexpr int kPerThread = 150;
-  std::vector<std::string> names[2];
-  std::vector<UINT> numbers[2];
+  std::vector<std::pair<std::string, UINT>> made[2];
   auto make = [&](int t) {
+    char name[MAX_PATH];
     for (int i = 0; i < kPerThread; ++i) {
-      char name[MAX_PATH];
       UINT n = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
-      if (n == 0) return;
-      names[t].push_back(name);
-      numbers[t].push_back(n);
+      if (n != 0) made[t].emplace_back(name, n);
     }
   };
   std::thread other(make, 1);
   make(0);
   other.join();
-  std::set<std::string> all;
-  for (int t = 0; t < 2; ++t) {
-    ASSERT_EQ(names[t].size(), size_t(kPerThread));
-    for (size_t i = 0; i < names[t].size(); ++i) {
-      const std::string& name = names[t][i];
-      EXPECT_TRUE(IsTempName(name, folder, "TFR")) << name;
-      char digits[5];
-      snprintf(digits, sizeof digits, "%04X", numbers[t][i]);
-      EXPECT_EQ(name.substr(folder.size() + 3, 4), digits);
-      struct stat st;
-      EXPECT_EQ(stat(name.c_str(), &st), 0) << name;
-      EXPECT_EQ(st.st_size, 0) << name;
-      all.insert(name);
+  std::set<std::string> all{name, planted[0], planted[1]};
+  for (const auto& list : made) {
+    EXPECT_EQ(list.size(), size_t(kPerThread));
+    for (const auto& [path, number] : list) {
+      char expected[16];
+      snprintf(expected, sizeof expected, "/TFR%04X.tmp", number);
+      EXPECT_EQ(path, dir.path() + expected);
+      EXPECT_TRUE(Exists(path)) << path;
+      all.insert(path);
     }
   }
-  EXPECT_EQ(all.size(), size_t(2 * kPerThread));
-}
-
-TEST(PlatformFileTemp, AnExistingNameIsSkippedNotReused) {
-  // Numbers come one after another within the process; plant the next two.
-  TempFolder dir;
-  char name[MAX_PATH], planted[2][MAX_PATH];
-  UINT n = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
-  ASSERT_NE(n, 0u);
-  for (UINT i = 0; i < 2; ++i) {
-    GetTempFileNameA(dir.path().c_str(), "TFR", ((n + 1 + i) & 0xFFFF) == 0 ? 1 : n + 1 + i, planted[i]);
-    WriteAll(planted[i], "keep");
-  }
-  UINT m = GetTempFileNameA(dir.path().c_str(), "TFR", 0, name);
-  ASSERT_NE(m, 0u);
-  for (const char* p : planted) {
-    EXPECT_STRNE(name, p);
-    EXPECT_EQ(ReadAll(p), "keep");
-  }
+  EXPECT_EQ(all.size(), size_t(2 * kPerThread + 3));
+  for (const char* p : planted) EXPECT_EQ(ReadAll(p), "keep");
 }
 
 TEST(PlatformFileTemp, NameRulesAndFailures) {
   TempFolder dir;
   char name[MAX_PATH];
-  // A given number only builds the name; a separator is added when missing.
+  // A given number only builds the name, from its low 16 bits in upper case;
+  // a separator is added when missing, and the prefix cut to 3.
   EXPECT_EQ(GetTempFileNameA(dir.path().c_str(), "ABCDEF", 0x1abcd, name), 0x1abcdu);
   EXPECT_EQ(std::string(name), dir / "ABCABCD.tmp");
   EXPECT_FALSE(Exists(name));
   EXPECT_EQ(GetTempFileNameA((dir.path() + "/").c_str(), nullptr, 7, name), 7u);
   EXPECT_EQ(std::string(name), dir / "0007.tmp");
-
   // The longest folder whose names still fit MAX_PATH, and one more.
-  std::string longest = dir.path() + "/" + std::string(MAX_PATH - 1 - 12 - dir.path().size() - 1, 'l');
+  const std::string longest = dir / std::string(MAX_PATH - 1 - 12 - dir.path().size() - 1, 'l');
   ASSERT_EQ(mkdir(longest.c_str(), 0755), 0);
-  UINT n = GetTempFileNameA(longest.c_str(), "TFR", 0, name);
-  EXPECT_NE(n, 0u);
+  EXPECT_NE(GetTempFileNameA(longest.c_str(), "TFR", 0, name), 0u);
   EXPECT_EQ(strlen(name), MAX_PATH - 1);
-  memset(name, '#', sizeof name);
+  name[0] = '#';
   EXPECT_EQ(GetTempFileNameA((longest + "m").c_str(), "TFR", 0, name), 0u);
   EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
   EXPECT_EQ(name[0], '#');
@@ -253,11 +195,9 @@ TEST(PlatformFileTemp, NameRulesAndFailures) {
   EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
   EXPECT_EQ(GetTempFileNameA(nullptr, "TFR", 0, name), 0u);
   EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-  {
-    FaultScope fault(QZ_FAULT_TEMP_FILE_NAME);
-    EXPECT_EQ(GetTempFileNameA(dir.path().c_str(), "TFR", 0, name), 0u);
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-  }
+  FaultScope fault(QZ_FAULT_TEMP_FILE_NAME);
+  EXPECT_EQ(GetTempFileNameA(dir.path().c_str(), "TFR", 0, name), 0u);
+  EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
 }
 
 }  // namespace
