@@ -28,27 +28,25 @@ struct Ledger {
   std::vector<int> order;
 };
 
-class CountedEvent : public IQzEvent {
- public:
-  CountedEvent(Ledger* ledger, int id, std::function<HRESULT()> body)
-      : ledger_(ledger), id_(id), body_(std::move(body)) {}
+// Counts its runs and releases, notes the order it ran in, and returns its
+// id unless it has a body of its own.
+struct CountedEvent : IQzEvent {
+  CountedEvent(Ledger* l, int i, std::function<HRESULT()> b) : ledger(l), id(i), body(std::move(b)) {}
   HRESULT Execute() override {
     {
-      std::lock_guard<std::mutex> hold(ledger_->lock);
-      ledger_->order.push_back(id_);
+      std::lock_guard<std::mutex> hold(ledger->lock);
+      ledger->order.push_back(id);
     }
-    ++ledger_->executed;
-    return body_ ? body_() : id_;
+    ++ledger->executed;
+    return body ? body() : id;
   }
   void Release() override {
-    ++ledger_->released;
+    ++ledger->released;
     delete this;
   }
-
- private:
-  Ledger* ledger_;
-  int id_;
-  std::function<HRESULT()> body_;
+  Ledger* ledger;
+  int id;
+  std::function<HRESULT()> body;
 };
 
 void SpinUntil(const std::atomic<int>& flag) {
@@ -71,14 +69,13 @@ class EventQueue : public ::testing::Test {
   void TearDown() override { QzThreadWithEventQueue::Stop(q, 1000); }
 
   CountedEvent* Ev(int id, std::function<HRESULT()> body = nullptr) { return new CountedEvent(&ledger, id, std::move(body)); }
-  HRESULT Hold() {
-    inside = 1;
-    SpinUntil(open);
-    return 0;
-  }
   // Posts a handler that holds the queue thread until `open` is set.
   void HoldQueueThread(std::function<HRESULT()> after = nullptr) {
-    ASSERT_EQ(q->PostEvent(Ev(0, [this, after] { Hold(); return after ? after() : S_OK; })), S_OK);
+    ASSERT_EQ(q->PostEvent(Ev(0, [this, after] {
+                inside = 1;
+                SpinUntil(open);
+                return after ? after() : S_OK;
+              })), S_OK);
     SpinUntil(inside);
   }
   size_t Lines(const std::string& text) const {
