@@ -60,8 +60,14 @@ TEST(TimerSchedule, TurnsByHowFarAheadTheDeadlineIs) {
     EXPECT_EQ(t.wait, r.wait) << r.now;
     EXPECT_EQ(t.advance, r.advance) << r.now;
   }
+  // Starting afresh restarts the fraction too, as a start does: 10.5 ms
+  // deadlines from 5000 are 5010, 5021.
+  QzTimerScheduleStart(&s, 105000, 0);
+  QzTimerScheduleAdvance(&s);
   QzTimerScheduleResync(&s, 5000);
   EXPECT_EQ(s.next, 5010u);
+  QzTimerScheduleAdvance(&s);
+  EXPECT_EQ(s.next, 5021u);
 }
 
 // Over a long run each tick stands on its exact deadline, across the wrap of
