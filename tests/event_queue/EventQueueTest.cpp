@@ -57,7 +57,7 @@ const char kPostRefused[] = "Error: QzThreadWithEventQueue::PostEvent, Thread is
 const char kKill[] = "!!!QzThread::Terminate: Thread will be killed by force!!!";
 
 // A started queue, a ledger of its events, and a gate the queue thread can be
-// held at inside a handler so that tests can line events up behind it.
+// held at inside a handler.
 class EventQueue : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -69,14 +69,13 @@ class EventQueue : public ::testing::Test {
   void TearDown() override { QzThreadWithEventQueue::Stop(q, 1000); }
 
   CountedEvent* Ev(int id, std::function<HRESULT()> body = nullptr) { return new CountedEvent(&ledger, id, std::move(body)); }
-  // Posts a handler that holds the queue thread until `open` is set.
-  void HoldQueueThread(std::function<HRESULT()> after = nullptr) {
-    ASSERT_EQ(q->PostEvent(Ev(0, [this, after] {
-                inside = 1;
-                SpinUntil(open);
-                return after ? after() : S_OK;
-              })), S_OK);
-    SpinUntil(inside);
+  // A handler that holds the queue thread until `open` is set.
+  CountedEvent* Gate(int id) {
+    return Ev(id, [this] {
+      inside = 1;
+      SpinUntil(open);
+      return S_OK;
+    });
   }
   size_t Lines(const std::string& text) const {
     size_t n = 0;
@@ -122,26 +121,36 @@ TEST_F(EventQueue, PostsRunInOrderSendsReturnTheResultAndAnIdleStopNeedsNoForce)
 }
 
 // A stop request in the middle of a batch: the whole batch runs, then the
-// loop ends; posts and sends afterwards are released at once, with a line each.
+// loop ends. A send still pending then wakes with 0x80004005 and its event is
+// released unrun; posts and sends afterwards are released at once, a line each.
 TEST_F(EventQueue, StopInTheMiddleOfABatchThenEverythingIsRefused) {
-  HoldQueueThread();
-  IQzEvent* five[5] = {Ev(1), Ev(2), new QzStopEvent(q), Ev(4), Ev(5)};
+  // One post of an array: one batch, whatever the queue thread is doing.
+  std::atomic<int> stopped{0};
+  IQzEvent* five[5] = {Ev(1), Ev(2), Gate(3), Ev(4, [&] { return stopped = q->SetStopFlag(); }), Ev(5)};
   ASSERT_EQ(q->PostEventArray(five, 5), S_OK);
+  SpinUntil(inside);
+  HRESULT sent = 0;
+  std::thread sender([&] { sent = q->SendEvent(Ev(6), INFINITE); });
+  while (QzHandleCount() == handlesStarted) std::this_thread::sleep_for(milliseconds(1));  // the record exists
+  std::this_thread::sleep_for(milliseconds(20));
   open = 1;
+  sender.join();
+  EXPECT_EQ(sent, E_FAIL);
   ASSERT_EQ(q->WaitForExit(5000), 1);
+  EXPECT_EQ(stopped.load(), 1);
   EXPECT_EQ(ledger.executed.load(), 5);
-  EXPECT_EQ(ledger.released.load(), 5);
+  EXPECT_EQ(ledger.released.load(), 6);
+  EXPECT_EQ(QzHandleCount(), handlesStarted - 1);  // the record is gone, and the thread's own handle
   EXPECT_EQ(q->SetStopFlag(), 1);
 
-  EXPECT_EQ(q->PostEvent(Ev(6)), E_FAIL);
-  IQzEvent* two[3] = {Ev(7), nullptr, Ev(8)};
+  EXPECT_EQ(q->PostEvent(Ev(7)), E_FAIL);
+  IQzEvent* two[3] = {Ev(8), nullptr, Ev(9)};
   EXPECT_EQ(q->PostEventArray(two, 3), E_FAIL);
-  EXPECT_EQ(q->SendEvent(Ev(9), INFINITE), E_FAIL);
+  EXPECT_EQ(q->SendEvent(Ev(10), INFINITE), E_FAIL);
   EXPECT_EQ(ledger.executed.load(), 5);
-  EXPECT_EQ(ledger.released.load(), 9);
-  EXPECT_EQ(Lines(kPostRefused), 1u);
-  EXPECT_EQ(Lines("Error: QzThreadWithEventQueue::PostEventArray, Thread is not actived.\n"), 1u);
-  EXPECT_EQ(Lines("Error: QzThreadWithEventQueue::SendEvent, Thread is not actived.\n"), 1u);
+  EXPECT_EQ(ledger.released.load(), 10);
+  for (const char* call : {"PostEvent", "PostEventArray", "SendEvent"})
+    EXPECT_EQ(Lines(std::string("Error: QzThreadWithEventQueue::") + call + ", Thread is not actived.\n"), 1u) << call;
   // Stop on a thread that has ended: its own post is refused, no force.
   log.clear();
   auto began = Clock::now();
@@ -158,7 +167,8 @@ TEST_F(EventQueue, SendsFromTheQueueThreadRunAtOnceAndTimedOutSendsStillRunOnce)
   EXPECT_EQ(inner, 2);
   // Against a busy thread a send gives up after its time-out; the event runs
   // later all the same, and its record is freed.
-  HoldQueueThread();
+  ASSERT_EQ(q->PostEvent(Gate(4)), S_OK);
+  SpinUntil(inside);
   EXPECT_EQ(q->SendEvent(Ev(5), 0), HRESULT_TIMEOUT);
   EXPECT_EQ(q->SendEvent(Ev(6), 20), HRESULT_TIMEOUT);
   EXPECT_EQ(Lines("Error: QzEventSync::WaitResultAndDeleteThis, WaitForSync failed!\n"), 2u);
@@ -169,23 +179,6 @@ TEST_F(EventQueue, SendsFromTheQueueThreadRunAtOnceAndTimedOutSendsStillRunOnce)
   QzThreadWithEventQueue::Stop(q, 1000);
   EXPECT_EQ(ledger.released.load(), 6);
   EXPECT_EQ(QzHandleCount(), handlesBefore);  // every record's wake event is closed
-}
-
-// A sender with no time limit whose event is still pending when the loop
-// ends is woken with 0x80004005, and its event is released unrun.
-TEST_F(EventQueue, PendingSendWithNoLimitWakesWhenTheLoopEnds) {
-  HoldQueueThread([this] { return q->SetStopFlag() == 1 ? S_OK : E_FAIL; });
-  HRESULT sent = 0;
-  std::thread sender([&] { sent = q->SendEvent(Ev(2), INFINITE); });
-  while (QzHandleCount() == handlesStarted) std::this_thread::sleep_for(milliseconds(1));  // the record exists
-  std::this_thread::sleep_for(milliseconds(20));
-  open = 1;
-  sender.join();
-  EXPECT_EQ(sent, E_FAIL);
-  EXPECT_EQ(ledger.executed.load(), 1);
-  ASSERT_EQ(q->WaitForExit(INFINITE), 1);
-  EXPECT_EQ(ledger.released.load(), 2);
-  EXPECT_EQ(QzHandleCount(), handlesStarted - 1);  // the record is gone, and the thread's own handle
 }
 
 TEST_F(EventQueue, NoMemoryLeavesTheEventWithTheCaller) {
