@@ -17,16 +17,21 @@
 
 using namespace qzsys;
 using Procedure = QzThread::Procedure;
+using std::chrono::milliseconds;
 
 namespace {
-
 
 std::atomic<int> g_calls{0};
 std::atomic<int> g_handlerCalls{0};
 std::atomic<int> g_release{0};
 std::atomic<DWORD> g_seenId{0};
 
-unsigned Count() { g_seenId = GetCurrentThreadId(); ++g_calls; return 5; }
+void Reset() { g_calls = 0; g_handlerCalls = 0; g_release = 0; g_seenId = 0; }
+void SpinUntil(const std::atomic<int>& flag) {
+  while (flag.load() == 0) std::this_thread::sleep_for(milliseconds(1));
+}
+
+unsigned Count() { ++g_calls; return 5; }
 unsigned Segv() { ++g_calls; qztest::FaultAccess(); return 0; }
 unsigned DivideByZero() { ++g_calls; return unsigned(qztest::FaultDivide()); }
 unsigned Illegal() { ++g_calls; qztest::FaultIllegal(); return 0; }
@@ -38,24 +43,15 @@ unsigned HandlerFaults() { ++g_handlerCalls; qztest::FaultAccess(); return 0; }
 unsigned WaitForRelease() {
   g_seenId = GetCurrentThreadId();
   ++g_calls;
-  while (g_release.load() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  SpinUntil(g_release);
   return 0;
 }
 unsigned Sleep() { ++g_calls; for (;;) pause(); }
-unsigned Spin() {
-  ++g_calls;
-  volatile unsigned long n = 0;
-  while (g_release.load(std::memory_order_relaxed) == 0) n = n + 1;
-  return 0;
-}
 unsigned UseThePool() {
-  void* block = Qz_MempoolAlloc(nullptr, 40);
-  Qz_MempoolFree(nullptr, block);  // leaves the block in this thread's cache
+  Qz_MempoolFree(nullptr, Qz_MempoolAlloc(nullptr, 40));  // leaves the block in this thread's cache
   ++g_calls;
   return 0;
 }
-
-void Reset() { g_calls = 0; g_handlerCalls = 0; g_release = 0; g_seenId = 0; }
 
 void Destroy(QzThread* t) {
   t->~QzThread();
@@ -68,48 +64,27 @@ int LiveCaches() {
   return n;
 }
 
-// Reaches the protected entry and start.
+// Reaches the protected start.
 class OpenThread : public QzThread {
  public:
-  using QzThread::InternalThreadEntryPoinit;
   using QzThread::SetThreadProc;
   using QzThread::StartThread;
 };
 
-TEST(Thread, RunsTheProcedureAndEndsCleanly) {
+TEST(Thread, RunsTheProcedureAndTheEndStepsGiveThePoolCacheBack) {
   Reset();
   Qz_MempoolFree(nullptr, Qz_MempoolAlloc(nullptr, 8));  // this thread's own cache is no part of the count
-  int cachesBefore = LiveCaches();
-  qztest::DebugCapture log;
+  const int cachesBefore = LiveCaches();
   QzThread* t = QzThread::Start(Procedure(&UseThePool), 0, 0, 0);
   ASSERT_NE(t, nullptr);
   EXPECT_EQ(t->WaitForExit(INFINITE), 1);
   EXPECT_EQ(g_calls.load(), 1);
   EXPECT_EQ(t->IsThreadActive(), 0);
   EXPECT_EQ(t->GetThreadId(), 0u);
-  EXPECT_EQ(t->WaitForExit(0), 1);
-  // The end step gives the thread's pool cache back (it runs just after the handle closes).
-  for (int i = 0; i < 500 && LiveCaches() != cachesBefore; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  // The cache goes back just after the handle closes.
+  for (int i = 0; i < 500 && LiveCaches() != cachesBefore; ++i) std::this_thread::sleep_for(milliseconds(1));
   EXPECT_EQ(LiveCaches(), cachesBefore);
   Destroy(t);
-  EXPECT_EQ(log.joined(), "");
-
-  // While it runs, the id is the thread's own and the thread is active.
-  t = QzThread::Start(Procedure(&WaitForRelease), 0, THREAD_PRIORITY_BELOW_NORMAL, 1);
-  ASSERT_NE(t, nullptr);
-  while (g_seenId.load() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  EXPECT_EQ(t->GetThreadId(), g_seenId.load());
-  EXPECT_EQ(t->IsThreadActive(), 1);
-  EXPECT_EQ(t->WaitForExit(10), 0);
-  g_release = 1;
-  EXPECT_EQ(t->WaitForExit(INFINITE), 1);
-  Destroy(t);
-
-  // The entry's own result is 0, whatever the procedure returned.
-  OpenThread direct;
-  direct.SetThreadProc(Procedure(&Count));
-  EXPECT_EQ(OpenThread::InternalThreadEntryPoinit(&direct), 0u);
-  EXPECT_EQ(g_calls.load(), 3);
 }
 
 // Whatever the procedure raises stays in the thread: the handler runs once,
@@ -125,43 +100,38 @@ TEST(Thread, FaultsAndExceptionsOfProcedureAndHandlerStayInTheThread) {
   qztest::DebugCapture log;
   for (const auto& p : procedures) {
     for (const auto& h : handlers) {
+      SCOPED_TRACE(std::string(p.name) + ", " + h.name);
       Reset();
       OpenThread t;
       t.SetThreadProc(Procedure(p.fn));
       t.SetExceptHandler(Procedure(h.fn));
       ASSERT_EQ(t.StartThread(0, 0, 0), 1);
-      EXPECT_EQ(t.WaitForExit(INFINITE), 1) << p.name << ", " << h.name;
-      EXPECT_EQ(g_calls.load(), 1) << p.name << ", " << h.name;
-      const int expected = (p.fn != &Count && h.fn != nullptr) ? 1 : 0;
-      EXPECT_EQ(g_handlerCalls.load(), expected) << p.name << ", " << h.name;
+      EXPECT_EQ(t.WaitForExit(INFINITE), 1);
+      EXPECT_EQ(g_calls.load(), 1);
+      EXPECT_EQ(g_handlerCalls.load(), (p.fn != &Count && h.fn != nullptr) ? 1 : 0);
       EXPECT_EQ(t.GetThreadId(), 0u);
-      EXPECT_EQ(t.IsThreadActive(), 0);
     }
   }
   EXPECT_EQ(log.joined(), "");  // nothing is logged for a crash
 }
 
-TEST(Thread, TerminateKillsABlockedOrSpinningThreadAndWarnsAlways) {
+TEST(Thread, TerminateKillsAndWarnsAlways) {
   qztest::DebugCapture log;
   QzThread idle;
   idle.Terminate();
-  EXPECT_NE(log.joined().find("Warning: !!!QzThread::Terminate: Thread will be killed by force!!!\n"), std::string::npos);
+  EXPECT_NE(log.joined().find("] Warning: !!!QzThread::Terminate: Thread will be killed by force!!!\n"), std::string::npos);
+  // (the platform suite kills threads in every state; one is enough here)
+  Reset();
+  log.clear();
+  QzThread* t = QzThread::Start(Procedure(&Sleep), 0, 0, 0);
+  ASSERT_NE(t, nullptr);
+  SpinUntil(g_calls);
+  t->Terminate();
+  EXPECT_EQ(t->IsThreadActive(), 0);
+  EXPECT_EQ(t->GetThreadId(), 0u);
+  EXPECT_EQ(t->WaitForExit(0), 1);
   EXPECT_EQ(log.texts().size(), 1u);
-  for (Procedure::Function fn : {&Sleep, &Spin}) {
-    if (qztest::kSpinningThreadsIgnoreKills && fn == &Spin) continue;
-    Reset();
-    log.clear();
-    QzThread* t = QzThread::Start(Procedure(fn), 0, 0, 0);
-    ASSERT_NE(t, nullptr);
-    while (g_calls.load() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    t->Terminate();
-    EXPECT_EQ(t->IsThreadActive(), 0);
-    EXPECT_EQ(t->GetThreadId(), 0u);
-    EXPECT_EQ(t->WaitForExit(0), 1);
-    EXPECT_EQ(log.texts().size(), 1u);
-    Destroy(t);
-  }
-  g_release = 1;
+  Destroy(t);
 }
 
 TEST(Thread, EachStartStepFailsWithItsLineAndTheProcedureNeverRuns) {
@@ -169,45 +139,52 @@ TEST(Thread, EachStartStepFailsWithItsLineAndTheProcedureNeverRuns) {
   qztest::DebugCapture log;
   EXPECT_EQ(QzThread::Start(Procedure(), 0, 0, 0), nullptr);
   EXPECT_EQ(log.joined(), "");
-  const struct { const char* name; QzFault fault; int priority; unsigned affinity; const char* line; } rows[] = {
-      {"create", QZ_FAULT_CREATE_THREAD, 0, 0, "Error: ERROR: QzThread::StartThread: Failed to create thread\n"},
-      {"affinity", QZ_FAULT_THREAD_PRIORITY, 0, 1, "'ERROR: QzThread::StartThread: SetThreadAffinityMask' failed with error 0x80070005"},
-      {"resume", QZ_FAULT_RESUME_THREAD, 0, 0, "Error: ERROR: QzThread::StartThread: Failed to resume thread "},
+  const struct { QzFault fault; int priority; unsigned affinity; const char* line; } rows[] = {
+      {QZ_FAULT_CREATE_THREAD, 0, 0, "Error: ERROR: QzThread::StartThread: Failed to create thread\n"},
+      {QZ_FAULT_THREAD_PRIORITY, 0, 1, "'ERROR: QzThread::StartThread: SetThreadAffinityMask' failed with error 0x80070005"},
+      {QZ_FAULT_RESUME_THREAD, 0, 0, "Error: ERROR: QzThread::StartThread: Failed to resume thread "},
       // A refused priority is ignored, and a mask of 0 makes no affinity call.
-      {"priority", QZ_FAULT_THREAD_PRIORITY, THREAD_PRIORITY_HIGHEST, 0, nullptr},
+      {QZ_FAULT_THREAD_PRIORITY, THREAD_PRIORITY_HIGHEST, 0, nullptr},
   };
   for (const auto& r : rows) {
     log.clear();
     qztest::FaultScope fail(r.fault);
     QzThread* t = QzThread::Start(Procedure(&Count), 0, r.priority, r.affinity);
-    if (r.line == nullptr) {
-      ASSERT_NE(t, nullptr);
-      EXPECT_EQ(t->WaitForExit(INFINITE), 1);
-      EXPECT_EQ(fail.hits(), 1u) << "only the priority call";
-      Destroy(t);
+    if (r.line != nullptr) {
+      EXPECT_EQ(t, nullptr) << r.line;
+      EXPECT_NE(log.joined().find(r.line), std::string::npos) << log.joined();
       continue;
     }
-    EXPECT_EQ(t, nullptr) << r.name;
-    EXPECT_NE(log.joined().find(r.line), std::string::npos) << r.name << ": " << log.joined();
+    ASSERT_NE(t, nullptr);
+    EXPECT_EQ(t->WaitForExit(INFINITE), 1);
+    EXPECT_EQ(fail.hits(), 1u) << "only the priority call";
+    Destroy(t);
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  std::this_thread::sleep_for(milliseconds(20));
   EXPECT_EQ(g_calls.load(), 1);  // only the priority row ran
 }
 
-TEST(Thread, DestructorLeavesTheThreadRunning) {
+// While it runs the id is the thread's own; the destructor only closes the
+// handle and leaves the thread running (its memory stays until it is gone).
+TEST(Thread, ARunningThreadOutlivesItsObject) {
   Reset();
   QzThread* t = QzThread::Start(Procedure(&WaitForRelease), 0, 0, 0);
   ASSERT_NE(t, nullptr);
-  while (g_calls.load() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  DWORD id = t->GetThreadId();
-  t->~QzThread();  // closes the handle only; the memory stays until the thread is gone
-  std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  char path[64];
-  snprintf(path, sizeof path, "/proc/self/task/%u", static_cast<unsigned>(id));
-  EXPECT_EQ(access(path, F_OK), 0) << "the thread runs on";
+  SpinUntil(g_calls);
+  const DWORD id = t->GetThreadId();
+  EXPECT_EQ(id, g_seenId.load());
+  EXPECT_EQ(t->IsThreadActive(), 1);
+  EXPECT_EQ(t->WaitForExit(10), 0);
+  t->~QzThread();
+  std::this_thread::sleep_for(milliseconds(10));
+  const std::string path = "/proc/self/task/" + std::to_string(id);
+  EXPECT_EQ(access(path.c_str(), F_OK), 0) << "the thread runs on";
   g_release = 1;
-  for (int i = 0; i < 1000 && access(path, F_OK) == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  EXPECT_NE(access(path, F_OK), 0);
+  for (int i = 0; i < 1000 && access(path.c_str(), F_OK) == 0; ++i) std::this_thread::sleep_for(milliseconds(1));
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
+  // The thread's end step gives its cache back under the pool's lock after
+  // its last touch of the object: a free that takes the lock is ordered after.
+  Qz_MempoolDisableThreadCache(0);
   Qz_MempoolFree(nullptr, t);
 }
 
@@ -217,20 +194,15 @@ TEST(Delegate, TwoWordsEmptyWhenBothZeroAndBoundEitherWay) {
     unsigned Get() { return value; }
   } w{9};
   static_assert(sizeof(Procedure) == 2 * sizeof(void*), "two words");
-  Procedure empty;
-  EXPECT_TRUE(empty.empty());
-  EXPECT_TRUE(!empty);
-  EXPECT_TRUE(Procedure(static_cast<Procedure::Function>(nullptr)).empty());
+  EXPECT_TRUE(Procedure().empty());
+  EXPECT_TRUE(!Procedure(static_cast<Procedure::Function>(nullptr)));
   Procedure plain(&Count);
-  EXPECT_EQ(plain.object(), reinterpret_cast<void*>(&Count));
   EXPECT_EQ(plain(), 5u);
   Procedure member = fastdelegate::MakeDelegate<Worker, &Worker::Get>(&w);
-  EXPECT_EQ(member.object(), &w);
   Procedure copy = member;
-  w.value = 11;
+  w.value = 11;  // bound to the object, not to a copy of it
   EXPECT_EQ(copy(), 11u);
-  EXPECT_TRUE(copy == member);
-  EXPECT_TRUE(copy != plain);
+  EXPECT_TRUE(copy == member && copy != plain);
   copy.clear();
   EXPECT_TRUE(copy.empty());
 }
