@@ -198,13 +198,9 @@ struct PlacedPool {
   void Next(size_t granules) { place.Queue(granules * Granule()); }
   uintptr_t At(size_t granules) const { return place.base() + granules * Granule(); }
   QzHeap* heap() const { return pool->heaps[0].load(); }
-  // Allocates until top is nearly used up.
-  void FillTop(std::vector<void*>* blocks) {
-    while (heap()->topSize > 2 * QzRequestToChunk(60000)) blocks->push_back(Qz_MempoolAlloc(pool, 60000));
-  }
-  // Fills top, then makes the heap grow into the region queued at `granules`.
+  // Nearly uses up top, then makes the heap grow into the region queued at `granules`.
   void GrowAt(size_t granules, std::vector<void*>* blocks) {
-    FillTop(blocks);
+    while (heap()->topSize > 2 * QzRequestToChunk(60000)) blocks->push_back(Qz_MempoolAlloc(pool, 60000));
     Next(granules);
     blocks->push_back(Qz_MempoolAlloc(pool, 3 * 60000));
   }
