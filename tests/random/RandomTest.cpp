@@ -153,13 +153,15 @@ TEST(Random, RangeTakesWordsUpToTheLimitAndCountsItsDraws) {
     }
   }
   // The word just past the limit is thrown away, the limit itself accepted.
-  Gen edge = Emitting({0x80000001u, 0x80000000u, 0xFFFFFFFEu, 0xFFFFFFFFu, 0xFFFFFFFEu});
+  Gen edge = Emitting({0x80000001u, 0x80000000u, 0xFFFFFFFEu, 0xFFFFFFFFu, 0xFFFFFFFEu, 0xFFFFFFFCu, 0xFFFFFFFBu});
   EXPECT_EQ(Qz_RandomIntRange(edge.get(), 0, 0x80000001u), 0x80000000u);
   EXPECT_EQ(edge->index, 2u);
   EXPECT_EQ(Qz_RandomIntRange(edge.get(), 5, 4), 3u);  // range 2^32 - 1: limit 0xFFFFFFFE
   EXPECT_EQ(edge->index, 3u);
   EXPECT_EQ(Qz_RandomIntRange(edge.get(), 5, 4), 3u);
   EXPECT_EQ(edge->index, 5u);
+  EXPECT_EQ(Qz_RandomIntRange(edge.get(), 0, 6), 5u);  // 2^32 mod 6 is 4: limit 0xFFFFFFFB
+  EXPECT_EQ(edge->index, 7u);
 }
 
 TEST(Random, DoublesTakeTwoWordsAndStayBelowOne) {
