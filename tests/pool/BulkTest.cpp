@@ -1,7 +1,6 @@
 // Bulk allocation: layout of the elements and the array, clearing, each piece
 // freed by itself in shuffled order, and the inputs that give 0.
 #include <algorithm>
-#include <numeric>
 #include <random>
 
 #include "PoolTestSupport.h"
@@ -17,46 +16,38 @@ uintptr_t ChunkAddr(const void* block) { return reinterpret_cast<uintptr_t>(QzBl
 // Elements lie side by side in index order, each of its own chunk size, the
 // last one possibly larger; a made array follows the last element.
 ::testing::AssertionResult LaidOut(void** array, const std::vector<size_t>& sizes, bool arrayMade) {
+  auto fail = [](const char* what, size_t i) { return ::testing::AssertionFailure() << what << " " << i; };
   for (size_t i = 0; i < sizes.size(); ++i) {
-    if (Qz_MemblkSize(array[i]) < std::max(sizes[i], QZ_MEMPOOL_MIN_REQUEST))
-      return ::testing::AssertionFailure() << "element " << i << " too small";
-    if (reinterpret_cast<uintptr_t>(array[i]) % QZ_CHUNK_ALIGN != 0)
-      return ::testing::AssertionFailure() << "element " << i << " misaligned";
-    if (i + 1 < sizes.size()) {
-      if (QzChunkSize(QzBlockToChunk(array[i])) != PieceChunk(sizes[i]))
-        return ::testing::AssertionFailure() << "element " << i << " has a foreign size";
-      if (ChunkAddr(array[i + 1]) != ChunkAddr(array[i]) + PieceChunk(sizes[i]))
-        return ::testing::AssertionFailure() << "element " << i + 1 << " not next to " << i;
-    }
+    const bool last = i + 1 == sizes.size();
+    if (Qz_MemblkSize(array[i]) < std::max(sizes[i], QZ_MEMPOOL_MIN_REQUEST)) return fail("too small:", i);
+    if (reinterpret_cast<uintptr_t>(array[i]) % QZ_CHUNK_ALIGN != 0) return fail("misaligned:", i);
+    if (!last && QzChunkSize(QzBlockToChunk(array[i])) != PieceChunk(sizes[i])) return fail("foreign size:", i);
+    if (!last && ChunkAddr(array[i + 1]) != ChunkAddr(array[i]) + PieceChunk(sizes[i])) return fail("apart:", i + 1);
   }
   if (arrayMade && !sizes.empty()) {
     const void* last = array[sizes.size() - 1];
-    if (ChunkAddr(array) != ChunkAddr(last) + QzChunkSize(QzBlockToChunk(last)))
-      return ::testing::AssertionFailure() << "array not behind the last element";
-    if (Qz_MemblkSize(array) < sizes.size() * sizeof(void*)) return ::testing::AssertionFailure() << "array too small";
+    if (ChunkAddr(array) != ChunkAddr(last) + QzChunkSize(QzBlockToChunk(last))) return fail("array apart", 0);
+    if (Qz_MemblkSize(array) < sizes.size() * sizeof(void*)) return fail("array too small", 0);
   }
   return ::testing::AssertionSuccess();
 }
 
-// Frees every element and the array (when made) in a shuffled order.
+// Frees every element and the array (when made) in a shuffled order; the
+// array is read before it may be freed.
 void FreeShuffled(QzMempool* pool, void** array, size_t count, bool arrayMade, unsigned seed) {
   std::vector<void*> blocks(array, array + count);
   if (arrayMade) blocks.push_back(array);
   std::shuffle(blocks.begin(), blocks.end(), std::mt19937(seed));
-  // The array is read before it may be freed.
   for (void* b : blocks) Qz_MempoolFree(pool, b);
 }
 
-struct BulkCase {
-  const char* what;
-  bool co;                    // IndependentCoMalloc, else IndependentCalloc
-  std::vector<size_t> sizes;  // for Calloc: all equal
-  bool callerArray;
-  bool cached;                // frees go through the thread's cache
-};
-
 TEST_F(Bulk, ElementsSideBySideEachFreedAlone) {
-  const BulkCase cases[] = {
+  const struct {
+    const char* what;
+    bool co;                    // IndependentCoMalloc, else IndependentCalloc
+    std::vector<size_t> sizes;  // for Calloc: all equal
+    bool callerArray, cached;   // cached: frees go through the thread's cache
+  } cases[] = {
       {"calloc size 0", false, std::vector<size_t>(7, 0), false, false},
       {"calloc size 1", false, std::vector<size_t>(33, 1), false, false},
       {"calloc size 1 cached", false, std::vector<size_t>(33, 1), false, true},
@@ -67,7 +58,7 @@ TEST_F(Bulk, ElementsSideBySideEachFreedAlone) {
       {"comalloc mixed cached", true, {0, 17, 4096, 240, 241, 9000, 3}, false, true},
   };
   unsigned seed = 1;
-  for (const BulkCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     QzMempool* p = Qz_CreateMempool(0, 1);
     ASSERT_NE(p, nullptr);
@@ -78,71 +69,47 @@ TEST_F(Bulk, ElementsSideBySideEachFreedAlone) {
     Qz_MempoolFree(p, dirt);
     const size_t usedBefore = Qz_MempoolGetInfo(p).usedBytes;
 
-    std::vector<void*> own(c.sizes.size());
+    const size_t n = c.sizes.size();
+    std::vector<void*> own(n);
     void** given = c.callerArray ? own.data() : nullptr;
-    void** array = c.co ? Qz_MempoolIndependentCoMalloc(p, c.sizes.size(), c.sizes.data(), given)
-                        : Qz_MempoolIndependentCalloc(p, c.sizes.size(), c.sizes[0], given);
+    void** array = c.co ? Qz_MempoolIndependentCoMalloc(p, n, c.sizes.data(), given)
+                        : Qz_MempoolIndependentCalloc(p, n, c.sizes[0], given);
     ASSERT_NE(array, nullptr);
     EXPECT_EQ(array == own.data(), c.callerArray);
     EXPECT_TRUE(LaidOut(array, c.sizes, !c.callerArray));
-    for (size_t i = 0; i < c.sizes.size() && !c.co; ++i)
-      EXPECT_TRUE(AllZero(array[i], Qz_MemblkSize(array[i]))) << i;
-    EXPECT_EQ(PoolProblem(p), "");
+    for (size_t i = 0; i < n && !c.co; ++i) EXPECT_TRUE(AllZero(array[i], Qz_MemblkSize(array[i]))) << i;
     // Each element is a block in its own right: writable to its end.
-    for (size_t i = 0; i < c.sizes.size(); ++i) Fill(array[i], Qz_MemblkSize(array[i]), uint32_t(i));
-    for (size_t i = 0; i < c.sizes.size(); ++i) EXPECT_TRUE(Holds(array[i], Qz_MemblkSize(array[i]), uint32_t(i)));
+    for (size_t i = 0; i < n; ++i) Fill(array[i], Qz_MemblkSize(array[i]), uint32_t(i));
+    for (size_t i = 0; i < n; ++i) EXPECT_TRUE(Holds(array[i], Qz_MemblkSize(array[i]), uint32_t(i)));
     EXPECT_EQ(PoolProblem(p), "");
 
-    FreeShuffled(p, array, c.sizes.size(), !c.callerArray, seed++);
+    FreeShuffled(p, array, n, !c.callerArray, seed++);
     EXPECT_EQ(PoolProblem(p), "");
     if (!c.cached) {
-      EXPECT_EQ(Qz_MempoolGetInfo(p).usedBytes, usedBefore);  // every piece merged back
+      EXPECT_EQ(Qz_MempoolGetInfo(p).usedBytes, usedBefore) << "every piece merged back";
     }
     Qz_DestroyMempool(p);
   }
 }
 
-TEST_F(Bulk, CountZero) {
+TEST_F(Bulk, CountZeroAndRequestsThatGiveZeroAllocateNothing) {
+  Qz_MempoolDisableThreadCache(pool);
+  const QzMempoolInfo before = Qz_MempoolGetInfo(pool);
+  // Count 0: the caller's array comes back untouched; without one, a block
+  // stands for the empty array.
   void* mine[1] = {reinterpret_cast<void*>(0x1)};
   const size_t one = 8;
   EXPECT_EQ(Qz_MempoolIndependentCalloc(pool, 0, 8, mine), mine);
   EXPECT_EQ(Qz_MempoolIndependentCoMalloc(pool, 0, &one, mine), mine);
   EXPECT_EQ(Qz_MempoolIndependentCoMalloc(pool, 0, nullptr, mine), mine);
   EXPECT_EQ(mine[0], reinterpret_cast<void*>(0x1));
-  // Without an array: a block standing for the empty array.
   for (void** empty :
        {Qz_MempoolIndependentCalloc(pool, 0, 8, nullptr), Qz_MempoolIndependentCoMalloc(pool, 0, nullptr, nullptr)}) {
     ASSERT_NE(empty, nullptr);
     EXPECT_GT(Qz_MemblkSize(empty), 0u);
     Qz_MempoolFree(pool, empty);
   }
-  EXPECT_EQ(PoolProblem(pool), "");
-}
 
-TEST_F(Bulk, AboveTheDirectThresholdComesFromTheHeap) {
-  QzHeap* heap = pool->heaps[0].load();
-  const uint32_t flags = heap->flags;
-  ASSERT_TRUE(flags & QZ_HEAP_DIRECT);
-  const size_t footprint = Qz_MempoolFootprint(pool);
-  const size_t big = QzHeapParams.directThreshold.load() * 2;
-  void** array = Qz_MempoolIndependentCalloc(pool, 2, big, nullptr);
-  ASSERT_NE(array, nullptr);
-  EXPECT_EQ(heap->flags, flags);
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_NE(QzHead(QzBlockToChunk(array[i])) & QZ_INUSE_BITS, 0u) << "directly mapped";
-    EXPECT_EQ(QzBlockOwnerHeap(array[i]), heap);
-  }
-  // No mapping: what the walk misses is at most a closed segment's fenceposts.
-  EXPECT_LT(Qz_MempoolGetInfo(pool).mappedBytes, QzHeapParams.granularity.load());
-  EXPECT_GT(Qz_MempoolFootprint(pool), footprint);
-  EXPECT_TRUE(LaidOut(array, {big, big}, true));
-  FreeShuffled(pool, array, 2, true, 5);
-  EXPECT_EQ(PoolProblem(pool), "");
-}
-
-TEST_F(Bulk, RequestsThatGiveZeroAllocateNothing) {
-  Qz_MempoolDisableThreadCache(pool);
-  const QzMempoolInfo before = Qz_MempoolGetInfo(pool);
   const size_t huge[] = {16, QZ_MAX_REQUEST};
   const size_t wrap[] = {~size_t(0) / 2, ~size_t(0) / 2, 64};
   EXPECT_EQ(Qz_MempoolIndependentCoMalloc(pool, 3, nullptr, nullptr), nullptr);
@@ -167,6 +134,27 @@ TEST_F(Bulk, RequestsThatGiveZeroAllocateNothing) {
   EXPECT_EQ(PoolProblem(pool), "");
 }
 
+TEST_F(Bulk, AboveTheDirectThresholdComesFromTheHeap) {
+  QzHeap* heap = pool->heaps[0].load();
+  const uint32_t flags = heap->flags;
+  ASSERT_TRUE(flags & QZ_HEAP_DIRECT);
+  const size_t footprint = Qz_MempoolFootprint(pool);
+  const size_t big = QzHeapParams.directThreshold.load() * 2;
+  void** array = Qz_MempoolIndependentCalloc(pool, 2, big, nullptr);
+  ASSERT_NE(array, nullptr);
+  EXPECT_EQ(heap->flags, flags);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_NE(QzHead(QzBlockToChunk(array[i])) & QZ_INUSE_BITS, 0u) << "directly mapped";
+    EXPECT_EQ(QzBlockOwnerHeap(array[i]), heap);
+  }
+  // No mapping: what the walk misses is at most a closed segment's fenceposts.
+  EXPECT_LT(Qz_MempoolGetInfo(pool).mappedBytes, QzHeapParams.granularity.load());
+  EXPECT_GT(Qz_MempoolFootprint(pool), footprint);
+  EXPECT_TRUE(LaidOut(array, {big, big}, true));
+  FreeShuffled(pool, array, 2, true, 5);
+  EXPECT_EQ(PoolProblem(pool), "");
+}
+
 TEST_F(Bulk, LongSizeListsAndHeapsAfterACorruptionReset) {
   std::vector<size_t> sizes(1000);
   for (size_t i = 0; i < sizes.size(); ++i) sizes[i] = (i * 37) % 300;
@@ -180,9 +168,7 @@ TEST_F(Bulk, LongSizeListsAndHeapsAfterACorruptionReset) {
 
   // A heap that forgot its memory serves the next bulk request from fresh memory.
   QzHeap* heap = pool->heaps[0].load();
-  const uint32_t errors = corruptionErrors.load();
   QzHeapResetOnCorruption(heap);
-  EXPECT_EQ(corruptionErrors.load(), errors + 1);
   void** again = Qz_MempoolIndependentCalloc(pool, 100, 24, nullptr);
   ASSERT_NE(again, nullptr);
   EXPECT_NE(heap->top, nullptr);
@@ -199,20 +185,20 @@ TEST_F(Bulk, ThreadsCarveAndFreeWhileStatisticsRead) {
     workers.emplace_back([&, t] {
       for (int round = 0; round < 100; ++round) {
         const size_t sizes[] = {size_t(8 + t), 300, 20000, 40};
-        void** a = (round & 1) ? Qz_MempoolIndependentCoMalloc(pool, 4, sizes, nullptr)
-                               : Qz_MempoolIndependentCalloc(pool, 50, 24 + 8 * t, nullptr);
+        const bool co = round & 1;
+        void** a = co ? Qz_MempoolIndependentCoMalloc(pool, 4, sizes, nullptr)
+                      : Qz_MempoolIndependentCalloc(pool, 50, 24 + 8 * t, nullptr);
         if (a == nullptr) {
           ++failures;
-          continue;
+        } else {
+          FreeShuffled(pool, a, co ? 4 : 50, true, unsigned(round));
         }
-        FreeShuffled(pool, a, (round & 1) ? 4 : 50, true, unsigned(round));
       }
       Qz_MempoolDisableThreadCache(pool);
     });
   std::thread reader([&] {
     while (!stop.load()) {
-      const QzMempoolInfo info = Qz_MempoolGetInfo(pool);
-      if (info.freeChunks == 0 || Qz_MempoolFootprint(pool) == 0) ++failures;
+      if (Qz_MempoolGetInfo(pool).freeChunks == 0 || Qz_MempoolFootprint(pool) == 0) ++failures;
       Qz_MempoolTrim(pool, 0);
     }
   });

@@ -1,13 +1,13 @@
 // Sync objects: the exception of a section without memory, the result and
-// log line of every failure, and the condition with several waiters.
+// log line of every failure, and the condition with several waiters under
+// Signal, Broadcast and time-outs.
 #include <gtest/gtest.h>
 
 #include <qzbase/qzbase.h>
 
-#include <atomic>
+#include <deque>
 #include <functional>
 #include <regex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,22 +20,21 @@
 using namespace qzsys;
 using qztest::DebugCapture;
 using qztest::FaultScope;
+using Probe = QzThreadConditionProbe;
 
 namespace {
 
-struct Logged {
-  const char* expression;
-  HRESULT error;
-};
+const HRESULT kNoMemory = HRESULT(0x80070008), kDenied = HRESULT(0x80070005), kBadHandle = HRESULT(0x80070006),
+              kTooMany = HRESULT(0x8007012A), kTimeOut = HRESULT(0x800705B4);
 
 // The expected message lines of API errors, line numbers left out.
-std::vector<std::string> Expected(std::initializer_list<Logged> lines) {
+std::vector<std::string> Expected(std::initializer_list<std::pair<const char*, HRESULT>> lines) {
   std::vector<std::string> out;
-  for (const Logged& l : lines) {
+  for (const auto& l : lines) {
     char code[16];
-    snprintf(code, sizeof code, "0x%08x", static_cast<unsigned>(l.error));
-    out.push_back(std::string("Error: In file QzSyncObject at line N: '") + l.expression + "' failed with error " +
-                  code + " (" + QzStringT<char>::GetWin32Error(l.error).c_str() + ").\n");
+    snprintf(code, sizeof code, "0x%08x", static_cast<unsigned>(l.second));
+    out.push_back(std::string("Error: In file QzSyncObject at line N: '") + l.first + "' failed with error " + code +
+                  " (" + QzStringT<char>::GetWin32Error(l.second).c_str() + ").\n");
   }
   return out;
 }
@@ -62,13 +61,9 @@ TEST(CriticalSection, NoMemoryThrowsFromBothFormsAndTheConditionMakesNothing) {
     FaultScope fault(QZ_FAULT_CRITICAL_SECTION);
     QzCriticalSection cs;
     try {
-      if (form == 0) {
-        Qz_InitializeCriticalSection(&cs);
-      } else if (form == 1) {
-        Qz_InitializeCriticalSection(&cs, 4000);
-      } else {
-        QzThreadCondition condition(&cs);
-      }
+      if (form == 0) Qz_InitializeCriticalSection(&cs);
+      if (form == 1) Qz_InitializeCriticalSection(&cs, 4000);
+      if (form == 2) QzThreadCondition condition(&cs);
       ADD_FAILURE() << "no exception from form " << form;
     } catch (const QzException& e) {
       EXPECT_STREQ(e.GetText(), QzStringT<char>::GetWin32Error(E_OUTOFMEMORY).c_str());
@@ -88,8 +83,7 @@ TEST(CriticalSection, TheHolderReleasesTheSectionWhenAnExceptionPasses) {
   QzCriticalSection cs;
   Qz_InitializeCriticalSection(&cs);
   try {
-    QzCriticalSectionHolder hold(&cs);
-    QzCriticalSectionHolder again(&cs);
+    QzCriticalSectionHolder hold(&cs), again(&cs);
     EXPECT_TRUE(HeldByAnotherThread(&cs));
     throw QzException(E_FAIL);
   } catch (const QzException&) {
@@ -99,8 +93,6 @@ TEST(CriticalSection, TheHolderReleasesTheSectionWhenAnExceptionPasses) {
 }
 
 TEST(SyncObjects, EveryFailureGivesItsResultAndExactlyItsLogLines) {
-  const HRESULT kNoMemory = HRESULT(0x80070008), kDenied = HRESULT(0x80070005), kBadHandle = HRESULT(0x80070006),
-                kTooMany = HRESULT(0x8007012A), kTimeOut = HRESULT(0x800705B4);
   struct Row {
     const char* what;
     std::function<HRESULT()> run;
@@ -113,7 +105,16 @@ TEST(SyncObjects, EveryFailureGivesItsResultAndExactlyItsLogLines) {
       {"event without memory",
        [] { FaultScope f(QZ_FAULT_CREATE_EVENT); QzThreadEvent e; return e.GetHandle() ? S_OK : E_FAIL; }, E_FAIL,
        Expected({{"QzThreadEvent::CreateEvent", kNoMemory}})},
-      {"event time-out is silent", [] { QzThreadEvent e; return e.Wait(0); }, kTimeOut, {}},
+      {"a failed event keeps handle 0, and every call fails on it",
+       [] {
+         FaultScope f(QZ_FAULT_CREATE_EVENT, 0, 1);
+         QzThreadEvent e(1, 1);
+         return e.Wait(0) == HRESULT(0xFFFFFFFFu) ? e.Pulse() : E_FAIL;
+       },
+       kBadHandle,
+       Expected({{"QzThreadEvent::CreateEvent", kNoMemory}, {"QzThreadEvent::Wait", kBadHandle},
+                 {"QzThreadEvent::Pulse", kBadHandle}})},
+      {"event time-out is silent", [] { return QzThreadEvent().Wait(0); }, kTimeOut, {}},
       {"event wait fails, and takes nothing",
        [] {
          QzThreadEvent e(0, 1);
@@ -130,16 +131,16 @@ TEST(SyncObjects, EveryFailureGivesItsResultAndExactlyItsLogLines) {
        },
        kDenied,
        Expected({{"QzThreadEvent::Signal", kDenied}, {"QzThreadEvent::Reset", kDenied}, {"QzThreadEvent::Pulse", kDenied}})},
-      {"semaphore without memory",
-       [] { FaultScope f(QZ_FAULT_CREATE_SEMAPHORE); QzThreadSemaphore s; return s.Unlock(); }, kBadHandle,
+      {"semaphore without memory", [] { FaultScope f(QZ_FAULT_CREATE_SEMAPHORE); return QzThreadSemaphore().Unlock(); },
+       kBadHandle,
        Expected({{"QzThreadSemaphore::CreateSemaphore", kNoMemory}, {"QzThreadSemaphore::Unlock", kBadHandle}})},
       {"semaphore with bad counts", [] { QzThreadSemaphore s(5, 1); return s.GetHandle() ? S_OK : E_FAIL; }, E_FAIL,
        Expected({{"QzThreadSemaphore::CreateSemaphore", E_INVALIDARG}})},
-      {"semaphore time-out is logged", [] { QzThreadSemaphore s; return s.Lock(0); }, kTimeOut,
+      {"semaphore time-out is logged", [] { return QzThreadSemaphore().Lock(0); }, kTimeOut,
        Expected({{"QzThreadSemaphore::Lock", kTimeOut}})},
-      {"semaphore past its maximum", [] { QzThreadSemaphore s(1, 1); return s.Unlock(); }, kTooMany,
+      {"semaphore past its maximum", [] { return QzThreadSemaphore(1, 1).Unlock(); }, kTooMany,
        Expected({{"QzThreadSemaphore::Unlock", kTooMany}})},
-      {"semaphore posts nothing", [] { QzThreadSemaphore s; return s.PostN(0); }, E_INVALIDARG,
+      {"semaphore posts nothing", [] { return QzThreadSemaphore().PostN(0); }, E_INVALIDARG,
        Expected({{"QzThreadSemaphore::PostN", E_INVALIDARG}})},
       {"semaphore release refused, and nothing added",
        [] {
@@ -149,7 +150,7 @@ TEST(SyncObjects, EveryFailureGivesItsResultAndExactlyItsLogLines) {
        },
        kTimeOut, Expected({{"QzThreadSemaphore::PostN", kDenied}, {"QzThreadSemaphore::Lock", kTimeOut}})},
       {"condition without its event",
-       [&cs] { FaultScope f(QZ_FAULT_CREATE_EVENT, 1); QzThreadCondition c(&cs); return c.Broadcast(); }, S_OK,
+       [&cs] { FaultScope f(QZ_FAULT_CREATE_EVENT, 1); return QzThreadCondition(&cs).Broadcast(); }, S_OK,
        Expected({{"QzThreadCondition::QzThreadCondition: CreateEventA", kNoMemory}})},
       {"condition without its semaphore waits in vain, lock held",
        [&cs] {
@@ -169,7 +170,7 @@ TEST(SyncObjects, EveryFailureGivesItsResultAndExactlyItsLogLines) {
          {
            FaultScope f(QZ_FAULT_CLOSE_HANDLE, 0, 1);
            QzThreadCondition c(&cs);
-           event = QzThreadConditionProbe::WaitersDone(c);
+           event = Probe::WaitersDone(c);
          }
          return CloseHandle(event) ? S_OK : E_FAIL;  // the failed close left it open
        },
@@ -181,20 +182,98 @@ TEST(SyncObjects, EveryFailureGivesItsResultAndExactlyItsLogLines) {
     EXPECT_EQ(row.run(), row.result) << row.what;
     EXPECT_EQ(Captured(capture), row.lines) << row.what;
   }
-  {  // a failed event keeps handle 0, and every call fails on it
-    DebugCapture capture;
-    QzThreadEvent* e;
-    {
-      FaultScope f(QZ_FAULT_CREATE_EVENT);
-      e = new QzThreadEvent(1, 1);
-    }
-    capture.clear();
-    EXPECT_EQ(e->Wait(0), HRESULT(0xFFFFFFFFu));
-    EXPECT_EQ(e->Pulse(), kBadHandle);
-    EXPECT_EQ(Captured(capture), Expected({{"QzThreadEvent::Wait", kBadHandle}, {"QzThreadEvent::Pulse", kBadHandle}}));
-    delete e;
-  }
   EXPECT_EQ(QzHandleCount(), handles);
   Qz_DeleteCriticalSection(&cs);
 }
+
+struct Condition : testing::Test {
+  Condition() { Qz_InitializeCriticalSection(&lock); condition = new QzThreadCondition(&lock); }
+  ~Condition() override { delete condition; Qz_DeleteCriticalSection(&lock); }
+
+  // Threads that each take the lock, wait once with no limit, and count their
+  // return under the lock; back once all sleep on the semaphore, lock released.
+  void StartWaiters(int count) {
+    for (int i = 0; i < count; ++i) {
+      threads.emplace_back([this] {
+        Qz_EnterCriticalSection(&lock);
+        EXPECT_EQ(condition->Wait(INFINITE), S_OK);
+        ++returned;
+        Qz_LeaveCriticalSection(&lock);
+      });
+    }
+    while (Probe::Waiters(*condition) < count || QzSyncWaiting(Probe::Semaphore(*condition)) < count) {
+      std::this_thread::yield();
+    }
+  }
+  void Join() { for (auto& t : threads) t.join(); threads.clear(); }
+
+  QzCriticalSection lock;
+  QzThreadCondition* condition;
+  std::vector<std::thread> threads;
+  int returned = 0;  // guarded by `lock`
+};
+
+TEST_F(Condition, ASignalWithNoWaiterIsForgottenAndATimedOutWaitRestoresCountAndLock) {
+  EXPECT_EQ(condition->Signal(), S_OK);
+  EXPECT_EQ(condition->Broadcast(), S_OK);
+  DebugCapture capture;
+  Qz_EnterCriticalSection(&lock);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(condition->Wait(40), kTimeOut);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(40));
+  EXPECT_TRUE(HeldByAnotherThread(&lock));
+  EXPECT_EQ(Probe::Waiters(*condition), 0);
+  Qz_LeaveCriticalSection(&lock);
+  EXPECT_EQ(capture.texts().size(), 1u) << "the semaphore's time-out is logged";
+}
+
+TEST_F(Condition, EachSignalWakesOneAndBroadcastReturnsOnceAllLeftTheSemaphore) {
+  StartWaiters(2);
+  EXPECT_EQ(condition->Signal(), S_OK);
+  EXPECT_EQ(condition->Signal(), S_OK);
+  Join();
+  EXPECT_EQ(returned, 2);
+  EXPECT_EQ(WaitForSingleObject(Probe::Semaphore(*condition), 0), WAIT_TIMEOUT) << "a release left over";
+  // Waiters woken by a Signal must not have left the broadcast's event set.
+  returned = 0;
+  StartWaiters(3);
+  Qz_EnterCriticalSection(&lock);
+  EXPECT_EQ(condition->Broadcast(), S_OK);
+  EXPECT_EQ(Probe::Waiters(*condition), 0);
+  EXPECT_EQ(QzSyncWaiting(Probe::Semaphore(*condition)), 0);
+  EXPECT_EQ(Probe::Broadcasting(*condition), 0);
+  EXPECT_EQ(returned, 0) << "nobody returns while the broadcaster holds the lock";
+  Qz_LeaveCriticalSection(&lock);
+  Join();
+  EXPECT_EQ(returned, 3);
+}
+
+TEST_F(Condition, AWorkQueueUnderSignalsBroadcastsAndTimeOutsLosesAndRepeatsNothing) {
+  std::deque<int> queue;
+  bool stop = false;
+  std::vector<int> seen(400, 0);
+  for (int c = 0; c < 3; ++c) {
+    threads.emplace_back([&, c] {
+      Qz_EnterCriticalSection(&lock);
+      for (;;) {
+        while (queue.empty() && !stop) condition->Wait(c == 0 ? 2 : INFINITE);
+        if (queue.empty()) break;
+        ++seen[queue.front()];
+        queue.pop_front();
+      }
+      Qz_LeaveCriticalSection(&lock);
+    });
+  }
+  for (int i = 0; i <= 400; ++i) {
+    Qz_EnterCriticalSection(&lock);
+    if (i < 400) queue.push_back(i);
+    stop = i == 400;
+    if (i % 50 == 0) condition->Broadcast();
+    Qz_LeaveCriticalSection(&lock);
+    if (i % 50 != 0) condition->Signal();
+  }
+  Join();
+  for (int i = 0; i < 400; ++i) EXPECT_EQ(seen[i], 1) << i;
+}
+
 }  // namespace
