@@ -266,13 +266,15 @@ int QZ_CREATE_FILE_LOG(const char* path) {
         } else {
           file->~QzFile();
           Qz_MempoolFree(0, file);
+          file = nullptr;
         }
       }
     }
   } catch (...) {
-    // Whatever failed, the log goes on with no file and nothing half made.
-    if (record != nullptr && g_fileLog.load(std::memory_order_relaxed) != record) Qz_MempoolFree(0, record);
-    if (file != nullptr && g_fileLog.load(std::memory_order_relaxed) == nullptr) {
+    // Only the lock's creation throws, and the record is published after it:
+    // whatever failed, the log goes on with no file and nothing half made.
+    if (record != nullptr) Qz_MempoolFree(0, record);
+    if (file != nullptr) {
       file->~QzFile();
       Qz_MempoolFree(0, file);
     }

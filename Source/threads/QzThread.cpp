@@ -89,11 +89,11 @@ int QzThread::StartThread(unsigned int stackSize, int priority, unsigned int aff
     OSVERSIONINFOEXA version;
     memset(&version, 0, sizeof version);
     version.dwOSVersionInfoSize = sizeof(OSVERSIONINFOEXA);
-    BOOL known = GetVersionExA(reinterpret_cast<OSVERSIONINFOA*>(&version));
+    BOOL known = GetVersionExA(&version);
     if (!known) {
       memset(&version, 0, sizeof version);
       version.dwOSVersionInfoSize = sizeof(OSVERSIONINFOA);
-      known = GetVersionExA(reinterpret_cast<OSVERSIONINFOA*>(&version));
+      known = GetVersionExA(&version);
     }
     if (known && version.dwPlatformId == VER_PLATFORM_WIN32_NT &&
         SetThreadAffinityMask(handle, affinityMask) == 0) {
