@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
-#include <sched.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -32,7 +30,6 @@ struct Probe {
   std::atomic<int> after{0};      // set by code that must never run
   std::atomic<int> destroyed{0};  // set by a destructor that must never run
   std::atomic<DWORD> tid{0};
-  int nice = 0, cpu = -1;  // where the thread found itself on its first line
   int readFd = -1;
   HANDLE waitOn = nullptr;
   unsigned result = 0;
@@ -45,8 +42,6 @@ struct Sentinel {
 
 unsigned ReturnResult(void* p) {
   auto* probe = static_cast<Probe*>(p);
-  probe->nice = getpriority(PRIO_PROCESS, 0);
-  probe->cpu = sched_getcpu();
   probe->tid = GetCurrentThreadId();
   probe->ran = 1;
   return probe->result;
