@@ -149,13 +149,6 @@ TEST_F(EventQueue, StopInTheMiddleOfABatchThenEverythingIsRefused) {
   EXPECT_EQ(ledger.released.load(), 10);
   for (const char* call : {"PostEvent", "PostEventArray", "SendEvent"})
     EXPECT_EQ(Lines(std::string("Error: QzThreadWithEventQueue::") + call + ", Thread is not actived.\n"), 1u) << call;
-  // Stop on a thread that has ended: its own post is refused, no force.
-  log.clear();
-  auto began = Clock::now();
-  QzThreadWithEventQueue::Stop(q, 5000);
-  EXPECT_LT(Clock::now() - began, std::chrono::seconds(4));
-  EXPECT_EQ(Lines(kPostRefused), 1u);
-  EXPECT_EQ(Lines(kKill), 0u);
 }
 
 TEST_F(EventQueue, NoMemoryLeavesTheEventWithTheCaller) {

@@ -205,9 +205,7 @@ TEST_F(Condition, ASignalWithNoWaiterIsForgottenAndATimedOutWaitRestoresCountAnd
   EXPECT_EQ(condition->Broadcast(), S_OK);
   DebugCapture capture;
   Qz_EnterCriticalSection(&lock);
-  const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(condition->Wait(40), kTimeOut);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(40));
   EXPECT_TRUE(HeldByAnotherThread(&lock));
   EXPECT_EQ(Probe::Waiters(*condition), 0);
   Qz_LeaveCriticalSection(&lock);
