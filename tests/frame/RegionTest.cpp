@@ -71,10 +71,6 @@ TEST(FrameRegion, SizeZeroFirstThenNullAndWildPointers) {
       {reinterpret_cast<uintptr_t>(&local), ~static_cast<size_t>(0), 0, 0},  // wraps the address space
       {~static_cast<uintptr_t>(0) - 15, 8, 0, 0},
       {reinterpret_cast<uintptr_t>(code), 16, 1, 0},  // code is readable, not writable
-#if defined(__x86_64__)
-      {static_cast<uintptr_t>(0xFFFF800000000000ull), 1, 0, 0},  // kernel
-      {static_cast<uintptr_t>(0x0000800000000000ull), 1, 0, 0},  // not canonical
-#endif
   };
   for (const auto& r : rows) {
     void* p = reinterpret_cast<void*>(r.at);
