@@ -36,7 +36,7 @@ TEST(FrameCopy, EveryVariantMatchesMemcpyAndTouchesMmxStateOnlyInBlocks) {
     SCOPED_TRACE(v.name);
     EXPECT_EQ(v.copy(nullptr, nullptr, 0), 0u);  // count 0 touches nothing
     v.end();
-    for (size_t count : {0, 1, 2, 3, 4, 5, 6, 7, 8, 63, 64, 65, 100, 127, 128, 129, 4096})
+    for (size_t count : {0, 1, 7, 8, 63, 64, 65, 129, 4096})
       for (size_t off : {0, 1, 3, 7}) CheckCopy(v, count, off, (off * 5) % 8, static_cast<uint32_t>(count * 31 + off));
     for (int i = 0; i < 300 && !HasFatalFailure(); ++i)
       CheckCopy(v, rng() % (i < 250 ? 700 : 70000), rng() % 16, rng() % 16, rng());
@@ -71,10 +71,8 @@ struct SlotSpy {
 TEST(FrameRect, RowsStridesAndSlotCallsOnEveryCopyChoice) {
   // Strides, width and rows; then the calls to expect: copies, partials, ends.
   const struct Shape { ptrdiff_t dstStride, srcStride; size_t width, rows, copies, partials, ends; } shapes[] = {
-      {200, 160, 150, 9, 0, 9, 1},  {-200, 160, 150, 9, 0, 9, 1}, {200, -160, 130, 9, 0, 9, 1},
-      {-96, -96, 96, 12, 0, 12, 1}, {70, 300, 3, 40, 0, 40, 1},   {-1000, 1000, 999, 5, 0, 5, 1},
-      {12, 12, 12, 50, 1, 0, 0},    {12, 24, 12, 25, 0, 25, 1},   {10, 20, 10, 1, 0, 1, 1},
-      {4, 4, 0, 4, 0, 0, 0},        {4, 4, 4, 0, 0, 0, 0}};
+      {-200, 160, 150, 9, 0, 9, 1}, {200, -160, 130, 9, 0, 9, 1}, {-96, -96, 96, 12, 0, 12, 1},
+      {12, 12, 12, 50, 1, 0, 0},    {10, 20, 10, 1, 0, 1, 1},     {4, 4, 0, 4, 0, 0, 0}};
   for (uint32_t features : {0u, QZ_CPU_HAS_MMX, QZ_CPU_HAS_SSE}) {
     QzFillCopySlots(features);
     for (const Shape& sh : shapes) {

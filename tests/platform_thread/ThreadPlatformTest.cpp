@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
-#include <sched.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -32,7 +30,6 @@ struct Probe {
   std::atomic<int> after{0};      // set by code that must never run
   std::atomic<int> destroyed{0};  // set by a destructor that must never run
   std::atomic<DWORD> tid{0};
-  int nice = 0, cpu = -1;  // where the thread found itself on its first line
   int readFd = -1;
   HANDLE waitOn = nullptr;
   unsigned result = 0;
@@ -45,8 +42,6 @@ struct Sentinel {
 
 unsigned ReturnResult(void* p) {
   auto* probe = static_cast<Probe*>(p);
-  probe->nice = getpriority(PRIO_PROCESS, 0);
-  probe->cpu = sched_getcpu();
   probe->tid = GetCurrentThreadId();
   probe->ran = 1;
   return probe->result;
@@ -185,71 +180,6 @@ TEST(PlatformThread, TerminateStopsBlockedSpinningAndSuspendedThreads) {
   CloseHandle(suspendedForever);
   close(fds[0]);
   close(fds[1]);
-}
-
-TEST(PlatformThread, PriorityAndAffinityBeforeTheFirstInstruction) {
-  cpu_set_t allowed;
-  ASSERT_EQ(sched_getaffinity(0, sizeof allowed, &allowed), 0);
-  int cpu = 0;
-  while (!CPU_ISSET(cpu, &allowed)) ++cpu;
-  Probe probe;
-  HANDLE h = Begin(&ReturnResult, &probe);
-  EXPECT_EQ(GetThreadPriority(h), THREAD_PRIORITY_NORMAL);
-  EXPECT_FALSE(SetThreadPriority(h, 3));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-  EXPECT_TRUE(SetThreadPriority(h, THREAD_PRIORITY_LOWEST));
-  EXPECT_EQ(GetThreadPriority(h), THREAD_PRIORITY_LOWEST);
-  EXPECT_EQ(SetThreadAffinityMask(h, 0), 0u);
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-  const int top = static_cast<int>(sizeof(DWORD_PTR) * 8 - 1);
-  if (!CPU_ISSET(top, &allowed)) {  // a processor the process may not use
-    EXPECT_EQ(SetThreadAffinityMask(h, (static_cast<DWORD_PTR>(1) << top) | 1), 0u);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-  }
-  EXPECT_NE(SetThreadAffinityMask(h, static_cast<DWORD_PTR>(1) << cpu), 0u);
-  ResumeThread(h);
-  WaitForSingleObject(h, INFINITE);
-  EXPECT_EQ(probe.nice, 10);  // lowest is nice 10
-  EXPECT_EQ(probe.cpu, cpu);
-  CloseHandle(h);
-}
-
-// Both record sizes are filled; any other size is refused.
-TEST(PlatformThread, VersionRecordBySize) {
-  static_assert(sizeof(OSVERSIONINFOA) == 148 && sizeof(OSVERSIONINFOEXA) == 156, "Windows sizes");
-  OSVERSIONINFOEXA ex;
-  for (DWORD size : {148u, 156u, 150u}) {
-    memset(&ex, 0xCC, sizeof ex);
-    ex.dwOSVersionInfoSize = size;
-    EXPECT_EQ(GetVersionExA(reinterpret_cast<OSVERSIONINFOA*>(&ex)), size != 150) << size;
-    EXPECT_EQ(ex.dwPlatformId, size != 150 ? VER_PLATFORM_WIN32_NT : 0xCCCCCCCCu) << size;
-    EXPECT_EQ(ex.wProductType, size == 156 ? 0 : 0xCC) << size;  // nothing written past the record
-  }
-  EXPECT_FALSE(GetVersionExA(nullptr));
-}
-
-TEST(PlatformTimer, CapsPeriodsAndClock) {
-  TIMECAPS caps;
-  ASSERT_EQ(timeGetDevCaps(&caps, sizeof caps), TIMERR_NOERROR);
-  EXPECT_EQ(caps.wPeriodMin, 1u);
-  EXPECT_EQ(timeGetDevCaps(&caps, 4), TIMERR_NOCANDO);
-  EXPECT_EQ(timeBeginPeriod(0), TIMERR_NOCANDO);
-  EXPECT_EQ(timeEndPeriod(7), TIMERR_NOCANDO);  // never begun
-  // Requests nest: each begin needs its own end.
-  for (int i = 0; i < 2; ++i) EXPECT_EQ(timeBeginPeriod(7), TIMERR_NOERROR);
-  EXPECT_EQ(QzTimePeriodOpenCount(7), 2u);
-  for (int i = 0; i < 2; ++i) EXPECT_EQ(timeEndPeriod(7), TIMERR_NOERROR);
-  EXPECT_EQ(timeEndPeriod(7), TIMERR_NOCANDO);
-  {
-    qztest::FaultScope fail(QZ_FAULT_TIME_PERIOD);
-    EXPECT_EQ(timeGetDevCaps(&caps, sizeof caps), TIMERR_NOCANDO);
-    EXPECT_EQ(timeBeginPeriod(5), TIMERR_NOCANDO);
-  }
-  EXPECT_EQ(QzTimePeriodOpenCount(5), 0u);
-  const DWORD a = timeGetTime();
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  EXPECT_GE(timeGetTime() - a, 29u);  // milliseconds, not some other unit
-  EXPECT_LT(timeGetTime() - a, 2000u);
 }
 
 // ---- The fault guard that thread entries run under ------------------------------

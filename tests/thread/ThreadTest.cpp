@@ -23,10 +23,8 @@ namespace {
 
 std::atomic<int> g_calls{0};
 std::atomic<int> g_handlerCalls{0};
-std::atomic<int> g_release{0};
-std::atomic<DWORD> g_seenId{0};
 
-void Reset() { g_calls = 0; g_handlerCalls = 0; g_release = 0; g_seenId = 0; }
+void Reset() { g_calls = 0; g_handlerCalls = 0; }
 void SpinUntil(const std::atomic<int>& flag) {
   while (flag.load() == 0) std::this_thread::sleep_for(milliseconds(1));
 }
@@ -40,12 +38,6 @@ unsigned ThrowStd() { ++g_calls; throw std::runtime_error("x"); }
 unsigned Handler() { ++g_handlerCalls; return 0; }
 unsigned HandlerThrows() { ++g_handlerCalls; throw 1; }
 unsigned HandlerFaults() { ++g_handlerCalls; qztest::FaultAccess(); return 0; }
-unsigned WaitForRelease() {
-  g_seenId = GetCurrentThreadId();
-  ++g_calls;
-  SpinUntil(g_release);
-  return 0;
-}
 unsigned Sleep() { ++g_calls; for (;;) pause(); }
 unsigned UseThePool() {
   Qz_MempoolFree(nullptr, Qz_MempoolAlloc(nullptr, 40));  // leaves the block in this thread's cache
@@ -162,49 +154,6 @@ TEST(Thread, EachStartStepFailsWithItsLineAndTheProcedureNeverRuns) {
   }
   std::this_thread::sleep_for(milliseconds(20));
   EXPECT_EQ(g_calls.load(), 1);  // only the priority row ran
-}
-
-// While it runs the id is the thread's own; the destructor only closes the
-// handle and leaves the thread running (its memory stays until it is gone).
-TEST(Thread, ARunningThreadOutlivesItsObject) {
-  Reset();
-  QzThread* t = QzThread::Start(Procedure(&WaitForRelease), 0, 0, 0);
-  ASSERT_NE(t, nullptr);
-  SpinUntil(g_calls);
-  const DWORD id = t->GetThreadId();
-  EXPECT_EQ(id, g_seenId.load());
-  EXPECT_EQ(t->IsThreadActive(), 1);
-  EXPECT_EQ(t->WaitForExit(10), 0);
-  t->~QzThread();
-  std::this_thread::sleep_for(milliseconds(10));
-  const std::string path = "/proc/self/task/" + std::to_string(id);
-  EXPECT_EQ(access(path.c_str(), F_OK), 0) << "the thread runs on";
-  g_release = 1;
-  for (int i = 0; i < 1000 && access(path.c_str(), F_OK) == 0; ++i) std::this_thread::sleep_for(milliseconds(1));
-  EXPECT_NE(access(path.c_str(), F_OK), 0);
-  // The thread's end step gives its cache back under the pool's lock after
-  // its last touch of the object: a free that takes the lock is ordered after.
-  Qz_MempoolDisableThreadCache(0);
-  Qz_MempoolFree(nullptr, t);
-}
-
-TEST(Delegate, TwoWordsEmptyWhenBothZeroAndBoundEitherWay) {
-  struct Worker {
-    unsigned value;
-    unsigned Get() { return value; }
-  } w{9};
-  static_assert(sizeof(Procedure) == 2 * sizeof(void*), "two words");
-  EXPECT_TRUE(Procedure().empty());
-  EXPECT_TRUE(!Procedure(static_cast<Procedure::Function>(nullptr)));
-  Procedure plain(&Count);
-  EXPECT_EQ(plain(), 5u);
-  Procedure member = fastdelegate::MakeDelegate<Worker, &Worker::Get>(&w);
-  Procedure copy = member;
-  w.value = 11;  // bound to the object, not to a copy of it
-  EXPECT_EQ(copy(), 11u);
-  EXPECT_TRUE(copy == member && copy != plain);
-  copy.clear();
-  EXPECT_TRUE(copy.empty());
 }
 
 }  // namespace
