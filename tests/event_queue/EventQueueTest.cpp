@@ -151,6 +151,28 @@ TEST_F(EventQueue, StopInTheMiddleOfABatchThenEverythingIsRefused) {
     EXPECT_EQ(Lines(std::string("Error: QzThreadWithEventQueue::") + call + ", Thread is not actived.\n"), 1u) << call;
 }
 
+TEST_F(EventQueue, SendsFromTheQueueThreadRunAtOnceAndTimedOutSendsStillRunOnce) {
+  // From inside a handler, on the same thread, whatever the time-out.
+  HRESULT inner = 0;
+  EXPECT_EQ(q->SendEvent(Ev(1, [&] { inner = q->SendEvent(Ev(2), 0); return 3; }), INFINITE), 3);
+  EXPECT_EQ(inner, 2);
+  // Against a busy thread a send gives up after its time-out; the event runs
+  // later all the same, and its record is freed.
+  ASSERT_EQ(q->PostEvent(Gate(4)), S_OK);
+  SpinUntil(inside);
+  EXPECT_EQ(q->SendEvent(Ev(5), 0), HRESULT_TIMEOUT);
+  EXPECT_EQ(q->SendEvent(Ev(6), 20), HRESULT_TIMEOUT);
+  EXPECT_EQ(Lines("Error: QzEventSync::WaitResultAndDeleteThis, WaitForSync failed!\n"), 2u);
+  EXPECT_EQ(ledger.executed.load(), 3);
+  open = 1;
+  EXPECT_EQ(q->SendEvent(Ev(7), INFINITE), 7);
+  EXPECT_EQ(ledger.executed.load(), 6);
+  QzThreadWithEventQueue::Stop(q, 1000);
+  EXPECT_EQ(ledger.released.load(), 6);
+  EXPECT_EQ(QzHandleCount(), handlesBefore);  // every record's wake event is closed
+}
+
+
 TEST_F(EventQueue, NoMemoryLeavesTheEventWithTheCaller) {
   CountedEvent* mine = Ev(1);
   {
