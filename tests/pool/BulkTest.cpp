@@ -121,16 +121,4 @@ TEST_F(Bulk, CountZeroAndRequestsThatGiveZeroAllocateNothing) {
   EXPECT_EQ(PoolProblem(pool), "");
 }
 
-TEST_F(Bulk, LongSizeListsAreOnlyRead) {
-  std::vector<size_t> sizes(300);
-  for (size_t i = 0; i < sizes.size(); ++i) sizes[i] = (i * 37) % 300;
-  const std::vector<size_t> copy = sizes;
-  void** array = Qz_MempoolIndependentCoMalloc(pool, sizes.size(), sizes.data(), nullptr);
-  ASSERT_NE(array, nullptr);
-  EXPECT_EQ(sizes, copy);  // the caller's list is only read
-  EXPECT_TRUE(LaidOut(array, sizes, true));
-  FreeShuffled(pool, array, sizes.size(), true, 9);
-  EXPECT_EQ(PoolProblem(pool), "");
-}
-
 }  // namespace
