@@ -1,5 +1,5 @@
-// Helpers of the pool suite: a view of a thread's cache, a thread that holds
-// heap locks on request, and block patterns.
+// Helpers of the pool suite: a view of a thread's cache, heap growth on
+// demand, and block patterns.
 #ifndef QZBASE_TESTS_POOL_POOLTESTSUPPORT_H
 #define QZBASE_TESTS_POOL_POOLTESTSUPPORT_H
 
@@ -57,41 +57,22 @@ inline std::string PoolProblem(QzMempool* pool) {
   return c == nullptr || bytes == c->freeBytes ? "" : "cache freeBytes";
 }
 
-// A thread that takes the locks of the given heaps and holds them until
-// Release(), destruction or `until` answering true. The locks are recursive
-// per thread, so contention needs another thread.
-class LockHolder {
- public:
-  explicit LockHolder(std::vector<QzHeap*> heaps, std::function<bool()> until = nullptr)
-      : thread_([this, heaps, until] {
-          for (QzHeap* h : heaps) QzSpinLockAcquire(&h->lock);
-          held_.store(true);
-          while (!release_.load() && !(until && until())) std::this_thread::yield();
-          for (QzHeap* h : heaps) QzSpinLockRelease(&h->lock);
-        }) {
-    while (!held_.load()) std::this_thread::yield();
-  }
-  void Release() {
-    release_.store(true);
-    if (thread_.joinable()) thread_.join();
-  }
-  ~LockHolder() { Release(); }
-
- private:
-  std::atomic<bool> held_{false}, release_{false};
-  std::thread thread_;
-};
-
-inline std::vector<QzHeap*> FirstHeaps(QzMempool* pool, int n) {
-  return std::vector<QzHeap*>(pool->heaps, pool->heaps + n);
-}
-
 // Makes the pool add heaps until it has n, by a miss of the calling thread
-// while every existing heap is held; the thread ends on the last one.
+// while another thread holds every existing heap (the locks are recursive per
+// thread); the calling thread ends on the last one.
 inline void GrowTo(QzMempool* pool, int n) {
   for (int have = HeapCount(pool); have < n; ++have) {
-    LockHolder hold(FirstHeaps(pool, have));
+    std::atomic<int> step{0};
+    std::thread holder([&] {
+      for (int i = 0; i < have; ++i) QzSpinLockAcquire(&pool->heaps[i].load()->lock);
+      step.store(1);
+      while (step.load() != 2) std::this_thread::yield();
+      for (int i = 0; i < have; ++i) QzSpinLockRelease(&pool->heaps[i].load()->lock);
+    });
+    while (step.load() != 1) std::this_thread::yield();
     Qz_MempoolFree(pool, Qz_MempoolAlloc(pool, 2 * MAXR));
+    step.store(2);
+    holder.join();
   }
 }
 

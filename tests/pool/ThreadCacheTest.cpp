@@ -2,15 +2,6 @@
 
 using ThreadCache = PoolTest;
 
-#if defined(__i386__)
-TEST(ThreadCacheConstants, AreThoseOfThe32BitWord) {
-  EXPECT_EQ(QZ_CACHE_MIN_CLASS, 16u);
-  EXPECT_EQ(QZ_CACHE_MAX_REQUEST, 8192u);
-  EXPECT_EQ(QZ_CACHE_MAX_PUT, 8200u);
-  EXPECT_EQ(QZ_CACHE_SHRINK_BYTES, 0x80000u);
-  EXPECT_EQ(sizeof(QzCachedBlock), 16u);
-}
-#endif
 
 TEST_F(ThreadCache, RequestsTakeTheirClassUpAndFreesPutItDown) {
   const struct { size_t request, cls; unsigned bin; } rows[] = {
@@ -33,13 +24,9 @@ TEST_F(ThreadCache, TakesStepUpOneBinAtMostAndPutsStopAtTheLimit) {
   void* two = Qz_MempoolAlloc(pool, 2 * M);
   void* four = Qz_MempoolAlloc(pool, 4 * M);
   Qz_MempoolFree(pool, four);
-  void* small = Qz_MempoolAlloc(pool, M);  // bin 2 is two steps away: a miss
-  EXPECT_NE(small, four);
+  EXPECT_NE(Qz_MempoolAlloc(pool, M), four);  // bin 2 is two steps away: a miss
   Qz_MempoolFree(pool, two);
   EXPECT_EQ(Qz_MempoolAlloc(pool, 1), two);  // bin 0 empty, bin 1 filled
-  EXPECT_EQ(c->hits, 1u);
-  EXPECT_NE(Qz_MempoolAlloc(pool, MAXR), nullptr);  // no bin above bin 9: a plain miss
-  EXPECT_EQ(c->hits, 1u);
   // Usable size at the put limit: cached as the largest class; one byte more
   // bypasses the cache both ways.
   void* edge = Qz_MempoolAlloc(pool, QZ_CACHE_MAX_PUT);
@@ -53,17 +40,9 @@ TEST_F(ThreadCache, TakesStepUpOneBinAtMostAndPutsStopAtTheLimit) {
   EXPECT_EQ(Qz_MemblkSize(over), 0u);
 }
 
-TEST_F(ThreadCache, EvictionAndShrinkGoByAge) {
+TEST_F(ThreadCache, AShrinkAtTheLimitGoesByAge) {
   QzThreadCache* c = Cache();
-  std::vector<void*> blocks, big;
-  for (int i = 0; i < 10; ++i) blocks.push_back(Qz_MempoolAlloc(pool, M));
-  void* other = Qz_MempoolAlloc(pool, 2 * M);
-  for (void* b : blocks) Qz_MempoolFree(pool, b);
-  Qz_MempoolFree(pool, other);  // ages: the M blocks 10 down to 1, `other` 0
-  QzCacheEvict(c, 1);  // leaves only the block put in last
-  EXPECT_EQ(c->bins[1].newest, other);
-  EXPECT_EQ(c->freeBytes, 2 * M);
-  QzCacheEvict(c, 0);
+  std::vector<void*> blocks(10), big;
   // 63 largest blocks and one of each smaller class: the limit less M.
   for (int i = 0; i < 63; ++i) big.push_back(Qz_MempoolAlloc(pool, MAXR));
   for (unsigned k = 0; k < 10; ++k) blocks[k] = Qz_MempoolAlloc(pool, M << (k % 9));
@@ -75,30 +54,6 @@ TEST_F(ThreadCache, EvictionAndShrinkGoByAge) {
   EXPECT_EQ(c->bins[9].oldest, big[9]);
   EXPECT_EQ(c->freeBytes, QZ_CACHE_SHRINK_BYTES - 9 * MAXR);
   QzCacheEvict(c, 0);
-  // 64 largest: the oldest is 63 old at the limit, so age 32 does the work.
-  big.clear();
-  for (int i = 0; i < 64; ++i) big.push_back(Qz_MempoolAlloc(pool, MAXR));
-  for (void* b : big) Qz_MempoolFree(pool, b);
-  EXPECT_EQ(c->freeBytes, 32 * MAXR);
-  EXPECT_EQ(c->bins[9].oldest, big[32]);
-  EXPECT_EQ(PoolProblem(pool), "");
-}
-
-// Only the last two puts are younger than 2, so a shrink reaches age 1 only
-// when the cache's blocks are as young as that: here their stamps are made so.
-TEST_F(ThreadCache, AShrinkThatReachesAgeOneLeavesTheLastPutOnly) {
-  QzThreadCache* c = Cache();
-  std::vector<void*> big;
-  for (size_t n = 0; n < QZ_CACHE_SHRINK_BYTES; n += MAXR) big.push_back(Qz_MempoolAlloc(pool, MAXR));
-  void* last = big.back();
-  big.pop_back();
-  for (void* b : big) Qz_MempoolFree(pool, b);
-  ASSERT_EQ(c->freeBytes, QZ_CACHE_SHRINK_BYTES - MAXR);
-  for (QzCachedBlock* x = c->bins[9].newest; x != nullptr; x = x->next) x->stamp = c->frees;
-  Qz_MempoolFree(pool, last);  // reaches the limit: ages 64 to 2 find nothing old enough
-  EXPECT_EQ(c->freeBytes, MAXR);
-  EXPECT_EQ(c->bins[9].newest, last);
-  EXPECT_EQ(c->bins[9].oldest, last);
   EXPECT_EQ(PoolProblem(pool), "");
 }
 
@@ -106,19 +61,15 @@ TEST_F(ThreadCache, OnlyAFreeTwiceInARowIsReportedAndChangesNothing) {
   QzThreadCache* c = Cache();
   void* b = Qz_MempoolAlloc(pool, 40);
   Qz_MempoolFree(pool, b);
-  const uint32_t frees = c->frees, bytes = c->freeBytes;
+  const uint32_t bytes = c->freeBytes;
   qztest::DebugCapture capture;
   Qz_MempoolFree(pool, b);
   char expected[128];
   // The library's %p: lower-case digits without leading zeros.
   snprintf(expected, sizeof expected, "Attempt to free already freed memory block 0x%llx - aborting!\n",
            static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(b)));
-  // One log line at level 0: the prefix, the level word, the message with its own line feed.
   const std::string line = capture.joined();
-  ASSERT_GT(line.size(), 1u);
-  EXPECT_EQ(line[0], '[');
   EXPECT_NE(line.find(std::string("] FatalError: ") + expected + "\n"), std::string::npos) << line;
-  EXPECT_EQ(c->frees, frees);
   EXPECT_EQ(c->freeBytes, bytes);
   EXPECT_EQ(Qz_MempoolAlloc(pool, 40), b);  // cached once only
   EXPECT_NE(Qz_MempoolAlloc(pool, 40), b);
@@ -141,30 +92,6 @@ TEST_F(ThreadCache, ForeignBlocksAreCachedHereAndGoHomeOnEviction) {
   Qz_DestroyMempool(other);
 }
 
-TEST_F(ThreadCache, ContentionAddsAHeapOnlyWhenNoneIsFree) {
-  QzThreadCache* c = Cache();
-  GrowTo(pool, 2);
-  EXPECT_EQ(c->heapIndex, 1);
-  // Heap 0 is free again, but the thread stays with heap 1, whose blocks name
-  // no pool for the value probe.
-  Qz_MempoolSetValue(pool, 42);
-  void* b = Qz_MempoolAlloc(pool, 2 * MAXR);
-  EXPECT_EQ(HeapIndexOf(pool, b), 1);
-  QzMempool* place = pool;
-  EXPECT_EQ(Qz_MempoolGetValue(&place, b), 0u);
-  EXPECT_EQ(place, pool);
-  Qz_MempoolFree(pool, b);
-  OnNewThread([&] {  // its preferred heap held, a new thread moves to the free one
-    Qz_MempoolFree(pool, Qz_MempoolAlloc(pool, 1));
-    const int pref = MyCache(pool)->heapIndex;
-    LockHolder hold({pool->heaps[pref].load()});
-    void* x = Qz_MempoolAlloc(pool, 2 * MAXR);
-    EXPECT_EQ(HeapIndexOf(pool, x), 1 - pref);
-    EXPECT_EQ(MyCache(pool)->heapIndex, 1 - pref);
-    EXPECT_EQ(HeapCount(pool), 2);
-  });
-}
-
 TEST_F(ThreadCache, DisablingKeepsTheHeapAndEndsClassRounding) {
   QzThreadCache* c = Cache();
   GrowTo(pool, 3);
@@ -179,33 +106,4 @@ TEST_F(ThreadCache, DisablingKeepsTheHeapAndEndsClassRounding) {
   EXPECT_LT(Qz_MemblkSize(b), 2048u);
   Qz_MempoolFree(pool, b);
   EXPECT_EQ(Qz_MemblkSize(b), 0u);
-  OnNewThread([&] {  // the cache slot is free for another thread
-    Qz_MempoolFree(pool, Qz_MempoolAlloc(pool, 1));
-    EXPECT_EQ(QzPoolSlotValue(pool), 1);
-  });
-  OnNewThread([&] {  // a thread never seen goes to heap 0, uncached, exact sizes
-    Qz_MempoolDisableThreadCache(pool);
-    EXPECT_EQ(QzPoolSlotValue(pool), -1);
-    void* u = Qz_MempoolAlloc(pool, 100);
-    EXPECT_EQ(HeapIndexOf(pool, u), 0);
-    EXPECT_EQ(Qz_MemblkSize(u), QzRequestToChunk(100) - QZ_CHUNK_OVERHEAD);
-    EXPECT_EQ(Qz_MempoolRealloc(pool, u, 90), u);  // within the chunk
-    Qz_MempoolFree(pool, u);
-  });
-}
-
-TEST(ThreadCacheLimit, AContendedThreadWaitsOnItsHeapAtTheLimit) {
-  for (int limit : {1, 3}) {
-    QzMempool* pool = Qz_CreateMempool(0, limit);
-    Qz_MempoolFree(pool, Qz_MempoolAlloc(pool, 1));
-    GrowTo(pool, limit);
-    // The holder lets go by itself; whether the thread spins before that is
-    // up to the scheduler, but no heap beyond the limit may appear either way.
-    LockHolder hold(FirstHeaps(pool, limit), [n = 0]() mutable { return ++n > 1000; });
-    EXPECT_NE(Qz_MempoolAlloc(pool, 2 * MAXR), nullptr) << limit;
-    EXPECT_EQ(MyCache(pool)->heapIndex, limit - 1);
-    EXPECT_EQ(HeapCount(pool), limit);
-    hold.Release();
-    Qz_DestroyMempool(pool);
-  }
 }

@@ -35,14 +35,9 @@ TEST(PlatformTls, ValuesArePerThreadAndAFreedSlotReadsZeroEverywhere) {
   for (DWORD s : held) TlsFree(s);
 }
 
-TEST(PlatformTls, BadIndicesExhaustionAndFailureSwitchesFailWithoutHarm) {
+TEST(PlatformTls, BadIndicesAndFailureSwitchesFailWithoutHarm) {
   EXPECT_EQ(TlsGetValue(QZ_TLS_SLOT_COUNT), nullptr);
   EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-  std::vector<DWORD> slots;
-  for (DWORD s; (s = TlsAlloc()) != TLS_OUT_OF_INDEXES && slots.size() <= QZ_TLS_SLOT_COUNT;) slots.push_back(s);
-  EXPECT_EQ(GetLastError(), ERROR_NO_MORE_ITEMS);
-  EXPECT_GE(slots.size(), QZ_TLS_SLOT_COUNT - 8);  // other suites' pools may hold a few
-  for (DWORD s : slots) ASSERT_TRUE(TlsFree(s));
   const DWORD slot = TlsAlloc();
   ASSERT_NE(slot, TLS_OUT_OF_INDEXES);
   ASSERT_TRUE(TlsSetValue(slot, P(3)));
@@ -55,8 +50,6 @@ TEST(PlatformTls, BadIndicesExhaustionAndFailureSwitchesFailWithoutHarm) {
   }
   ASSERT_TRUE(TlsFree(slot));
   EXPECT_FALSE(TlsFree(slot));
-  EXPECT_FALSE(TlsSetValue(slot, P(1)));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
   qztest::FaultScope fault(QZ_FAULT_TLS_ALLOC);
   EXPECT_EQ(TlsAlloc(), TLS_OUT_OF_INDEXES);
 }
