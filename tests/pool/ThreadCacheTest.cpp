@@ -57,6 +57,22 @@ TEST_F(ThreadCache, AShrinkAtTheLimitGoesByAge) {
   EXPECT_EQ(PoolProblem(pool), "");
 }
 
+TEST_F(ThreadCache, AShrinkThatReachesAgeOneLeavesTheLastPutOnly) {
+  QzThreadCache* c = Cache();
+  std::vector<void*> big;
+  for (size_t n = 0; n < QZ_CACHE_SHRINK_BYTES; n += MAXR) big.push_back(Qz_MempoolAlloc(pool, MAXR));
+  void* last = big.back();
+  big.pop_back();
+  for (void* b : big) Qz_MempoolFree(pool, b);
+  ASSERT_EQ(c->freeBytes, QZ_CACHE_SHRINK_BYTES - MAXR);
+  for (QzCachedBlock* x = c->bins[9].newest; x != nullptr; x = x->next) x->stamp = c->frees;
+  Qz_MempoolFree(pool, last);  // reaches the limit: ages 64 to 2 find nothing old enough
+  EXPECT_EQ(c->freeBytes, MAXR);
+  EXPECT_EQ(c->bins[9].newest, last);
+  EXPECT_EQ(c->bins[9].oldest, last);
+  EXPECT_EQ(PoolProblem(pool), "");
+}
+
 TEST_F(ThreadCache, OnlyAFreeTwiceInARowIsReportedAndChangesNothing) {
   QzThreadCache* c = Cache();
   void* b = Qz_MempoolAlloc(pool, 40);

@@ -131,6 +131,23 @@ TEST(Random, DoublesTakeTwoWordsAndStayBelowOne) {
   EXPECT_EQ(g->index, 10u);
 }
 
+TEST(Random, CopiesAndReseedingAreIndependent) {
+  Gen a(Qz_CreateRandomWithSeed(7));
+  for (int i = 0; i < 700; ++i) Qz_RandomInt(a.get());  // a copy mid-state, after a regeneration
+  Gen b(Qz_CopyRandom(a.get()));
+  ASSERT_NE(b, nullptr);
+  for (int i = 0; i < 1500; ++i) ASSERT_EQ(Qz_RandomInt(a.get()), Qz_RandomInt(b.get()));
+  Qz_SetSeedToRandom(b.get(), 7);
+  std::mt19937 ref(7);
+  ref.discard(2200);
+  EXPECT_EQ(Qz_RandomInt(a.get()), ref());
+  EXPECT_EQ(Qz_RandomInt(b.get()), std::mt19937(7)());
+  const uint32_t key[] = {1, 2};
+  Qz_SetSeedsArrayToRandom(a.get(), key, 2);
+  Gen fresh(Qz_CreateRandomWithSeedsArray(key, 2));
+  EXPECT_EQ(Qz_RandomInt(a.get()), Qz_RandomInt(fresh.get()));
+}
+
 TEST(Random, BadInputAndFailedAllocation) {
   EXPECT_EQ(Qz_RandomInt(nullptr), 0u);
   EXPECT_EQ(Qz_RandomIntRange(nullptr, 3, 9), 3u);
