@@ -128,10 +128,12 @@ TYPED_TEST(BothWidths, OutOfMemoryLeavesTheStringAsItWas) {
   const Model<U> uv = L<U>("uvuvuvuvu");
   const std::pair<bool, std::function<void(S&)> > edits[] = {
       {true, [&](S& s) { s = xyz.c_str(); }},
+      {true, [&](S& s) { s = uv.c_str(); }},
       {true, [&](S& s) { s += xyz.c_str(); }},
       {true, [&](S& s) { s += uv.c_str(); }},
       {true, [&](S& s) { s += static_cast<T>('h'); }},
       {true, [&](S& s) { s.insert(1, xyz.c_str(), 3u); }},
+      {true, [&](S& s) { s.insert(1, uv.c_str(), 2u); }},
       {true, [&](S& s) { s = s + xyz.c_str(); }},
       {true, [&](S& s) { s = uv.c_str() + s; }},
       {true, [&](S& s) { QzStringAccess::Concatenate(s, ab.c_str(), 2u, ab.c_str(), 2u); }},
