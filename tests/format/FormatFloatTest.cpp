@@ -2,15 +2,12 @@
 // the general form, and their limits, in both widths.
 #include <cfloat>
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <string>
-#include <tuple>
 
 #include <qzbase/QzFrame.h>
 
 #include "FormatCheck.h"
-#include "text/QzFormatEngine.h"
 
 using fmtcheck::ExpectBoth;
 using fmtcheck::FormatA;
@@ -28,38 +25,6 @@ void ExpectRows(std::initializer_list<DoubleRow> rows) {
 
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
-
-struct DigitsOf {
-  std::string digits;
-  int decpt;
-  bool negative;
-};
-DigitsOf Digits(double v, int ndigit, bool emode) {
-  char buf[kQzFormatDigitBuffer];
-  DigitsOf r;
-  int n = QzFormatDigits(v, ndigit, emode, buf, &r.decpt, &r.negative);
-  r.digits.assign(buf, static_cast<size_t>(n));
-  EXPECT_EQ(std::strlen(buf), static_cast<size_t>(n));
-  return r;
-}
-
-TEST(FormatDigits, RoundsHalfUpOnTheDigitsMadeWithinTheLimits) {
-  // A carry makes a new first digit or lengthens a fixed string; a value may
-  // round away entirely; -0 is not negative.
-  const struct { double v; int ndigit; bool emode; const char* digits; int decpt; bool negative; } rows[] = {
-      {0.5, 0, false, "1", 1, false}, {99.96, 1, false, "1000", 3, false}, {-0.001, 2, false, "", -2, true},
-      {-0.0, 3, true, "000", 0, false}};
-  for (const auto& r : rows) {
-    DigitsOf d = Digits(r.v, r.ndigit, r.emode);
-    EXPECT_EQ(std::make_tuple(std::string(r.digits), r.decpt, r.negative), std::make_tuple(d.digits, d.decpt, d.negative))
-        << r.v << " " << r.ndigit;
-  }
-  // 78 digits at most in exponent mode; ten integer digits and 78 after the
-  // point pass the 80 places: 79 digits, unrounded.
-  EXPECT_EQ(78u, Digits(1.0 / 3.0, 500, true).digits.size());
-  EXPECT_EQ("12345678905", Digits(1234567890.5, 78, false).digits.substr(0, 11));
-  EXPECT_EQ(79u, Digits(1234567890.5, 78, false).digits.size());
-}
 
 TEST(FormatFloat, FixedExponentGeneralAndSpecials) {
   ExpectRows({
