@@ -34,10 +34,6 @@ TYPED_TEST(Formatting, CreateFormattedSizesExactly) {
   EXPECT_EQ(Text(s), "-42-ab- 3.14|z|ff");
   EXPECT_EQ(s.capacity(), 23u);
   EXPECT_EQ(s, ThroughV<T>(F("%d-%s-%5.2f|%c|%x"), -42, F("ab"), 3.14159, 'z', 255u));
-  std::basic_string<T> big(1000, T('q'));  // no retry, exactly the rule's room
-  QzStringT<T> l = QzStringT<T>::CreateFormatted(F("<%s>"), big.c_str());
-  EXPECT_EQ(l.capacity(), 1007u);
-  EXPECT_EQ(Text(l), "<" + std::string(1000, 'q') + ">");
   EXPECT_TRUE(OnEmptyRecord(QzStringT<T>::CreateFormatted(F("%s"), F(""))));
 }
 
@@ -105,7 +101,6 @@ TYPED_TEST(Formatting, ToHexStringWorkedTable) {
   const char* expect[] = {"616263", "61 62 63", "6162 63", "616263", "616263"};
   for (unsigned int group = 0; group < 5; ++group)
     EXPECT_EQ(Text(QzStringT<T>::ToHexString(abc, 3, group, group & 1)), expect[group]) << "group " << group;
-  EXPECT_EQ(Text(QzStringT<T>::ToHexString(four, 4, 2, 0)), "0001 FEFF");
   EXPECT_EQ(Text(QzStringT<T>::ToHexString(four, 4, 3, 1)), "0001fe ff");
   EXPECT_TRUE(OnEmptyRecord(QzStringT<T>::ToHexString(nullptr, 0, 1, 0)));
   // Room is 2 * size + 2 (+ size / groupSize): more than the text needs.
