@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <qzbase/QzFormat.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -34,49 +35,20 @@ inline WString W(const std::string& s) {
 const unsigned kGuard = 16;
 
 // Formats with every count from 0 to the length + 2 into a buffer followed by
-// a guard zone, and checks the result, the stored prefix, the terminator and
-// that nothing after the terminator changed. `call(buffer, count)` makes the
-// call; `expect` is the whole output.
-template <class Unit, class Call, class At>
-void SweepWith(const std::basic_string<Unit>& expect, Call call, Unit fill, At storedAt) {
-  const int measured = call(static_cast<Unit*>(nullptr), 0u);
-  EXPECT_EQ(static_cast<int>(expect.size()), measured) << "measured length";
-  const unsigned top = static_cast<unsigned>(expect.size()) + 2;
-  for (unsigned count = 0; count <= top; ++count) {
-    std::vector<Unit> buf(count + kGuard, fill);
-    int r = call(buf.data(), count);
-    if (count == 0) {
-      EXPECT_EQ(measured, r);
-      for (size_t i = 0; i < buf.size(); ++i) ASSERT_EQ(fill, buf[i]) << "count 0 stored at " << i;
-      continue;
-    }
-    const std::basic_string<Unit> stored = storedAt(count);
-    const size_t kept = stored.size();
-    ASSERT_EQ(static_cast<int>(kept), r) << "result with count " << count;
-    ASSERT_TRUE(std::equal(stored.begin(), stored.end(), buf.begin())) << "stored text with count " << count;
-    ASSERT_EQ(Unit(0), buf[kept]) << "terminator with count " << count;
-    for (size_t i = kept + 1; i < buf.size(); ++i)
-      ASSERT_EQ(fill, buf[i]) << "stored at " << i << " with count " << count;
-  }
-}
-
-// Every other output, cut by the buffer, is the first `count - 1` units of
-// the whole one.
+// a guard zone: each cut output is the first `count - 1` units of the whole,
+// terminated, with nothing written after the terminator.
 template <class Unit, class Call>
 void Sweep(const std::basic_string<Unit>& expect, Call call, Unit fill) {
-  SweepWith(expect, call, fill,
-            [&](unsigned count) { return expect.substr(0, expect.size() < count - 1 ? expect.size() : count - 1); });
-}
-
-// What a buffer of `count` units holds for a lone right-adjusted text of the
-// other width (`%8S`) whose conversion is `text`: its length is cut to the
-// room first, and the padding is counted from the cut length.
-template <class Unit>
-std::basic_string<Unit> CutOtherWidth(const std::basic_string<Unit>& text, size_t width, Unit pad, unsigned count) {
-  const size_t room = count - 1, n = text.size() < room ? text.size() : room;
-  const size_t padding = width > n ? width - n : 0;
-  std::basic_string<Unit> out(padding < room ? padding : room, pad);
-  return out + text.substr(0, room - out.size() < n ? room - out.size() : n);
+  EXPECT_EQ(static_cast<int>(expect.size()), call(static_cast<Unit*>(nullptr), 0u)) << "measured length";
+  for (unsigned count = 0; count <= expect.size() + 2; ++count) {
+    std::vector<Unit> buf(count + kGuard, fill);
+    const int r = call(buf.data(), count);
+    const size_t kept = count == 0 ? 0 : std::min<size_t>(expect.size(), count - 1);
+    ASSERT_EQ(count == 0 ? static_cast<int>(expect.size()) : static_cast<int>(kept), r) << "count " << count;
+    ASSERT_TRUE(std::equal(buf.begin(), buf.begin() + kept, expect.begin())) << "count " << count;
+    for (size_t i = kept; i < buf.size(); ++i)
+      ASSERT_EQ(count != 0 && i == kept ? Unit(0) : fill, buf[i]) << "at " << i << " with count " << count;
+  }
 }
 
 // The whole output of a format in one go (at most 4095 units).
@@ -101,17 +73,6 @@ void ExpectW(const std::string& expect, const char* format, A... args) {
   const WString f = W(format);
   auto call = [&](unsigned short* b, unsigned n) { return QZ_SNPRINTF_W(b, n, f.c_str(), args...); };
   Sweep<unsigned short>(W(expect), call, 0xA5A5);
-}
-
-// A format that is one right-adjusted `%<width>S` of narrow calls whose
-// conversion is `text`.
-template <class... A>
-void ExpectPaddedA(const std::string& text, size_t width, const char* format, A... args) {
-  SCOPED_TRACE(std::string("narrow format \"") + format + "\"");
-  const std::string whole = (width > text.size() ? std::string(width - text.size(), ' ') : std::string()) + text;
-  EXPECT_EQ(whole, FormatA(format, args...));
-  SweepWith<char>(whole, [&](char* b, unsigned n) { return QZ_SNPRINTF_A(b, n, format, args...); }, '\xA5',
-                  [&](unsigned count) { return CutOtherWidth<char>(text, width, ' ', count); });
 }
 
 template <class... A>

@@ -34,78 +34,36 @@ TYPED_TEST(Search, BoundsZerosAndBadInput) {
       // The empty string: nothing but the terminator, whatever the position.
       {__LINE__, e, e.find_first_not_of(a, 0) & e.find_last_not_of(t("ab"), kNone, 2) & e.find_last_of(t("ab"), 0, 2), kNone},
       {__LINE__, e, e.reverseFind(a, 1) & e.reverseFindIgnoreCase(t("ab"), 0, 1) & e.findIgnoreCase(t("ab"), 0, 1), kNone},
-      {__LINE__, e, e.find_last_of(t("a\0", 2), kNone, 2) | e.reverseFind(z, 1) | e.reverseFind(z, kNone), 0},
       // The character and set searches are modelled in full by the fuzz
       // target; these are their quirks. find_first_not_of(c) gives up at a 0,
       // the set form walks over it.
       {__LINE__, aa0b, aa0b.find_first_not_of(a, 0), kNone},
       {__LINE__, aa0b, aa0b.find_first_not_of(t("a"), 0, 1), 2},
       {__LINE__, abcab, abcab.find_first_not_of(none, 0, 5) & abcab.find_first_not_of(t("\0a", 2), 0, 2), kNone},
-      {__LINE__, abcab, abcab.find_first_not_of(t("ab"), 0, 0) & abcab.find_first_not_of(t("ab"), kNone, 2), kNone},
       // An empty set answers the start position, unread.
       {__LINE__, abcbb, abcbb.find_last_not_of(t("bc"), kNone, 0), 4},
-      {__LINE__, abcbb, abcbb.find_last_not_of(none, 2, 0), 2},
       // find_last_of and reverseFind(c) see the terminator only from past the end.
       {__LINE__, abcab, abcab.find_last_of(t("c\0", 2), kNone, 2), 5},
-      {__LINE__, abcab, abcab.find_last_of(t("c\0", 2), 4, 2), 2},
-      {__LINE__, abcab, abcab.find_last_of(t("ab"), kNone, 0), kNone},
       {__LINE__, abcab, abcab.reverseFind(T('c'), 2), 2},  // pos is inclusive: the character's own place
-      {__LINE__, abcab, abcab.reverseFind(a, 3), 3},
       {__LINE__, abcab, abcab.reverseFind(T('c'), 1), kNone},
       {__LINE__, abcabc, abcabc.reverseFind(z, kNone), 6},
-      {__LINE__, abcabc, abcabc.reverseFind(z, 5), kNone},
       // reverseFind(text): pos is an exclusive end.
-      {__LINE__, abcxbc, abcxbc.reverseFind(t("bc"), kNone, 2), 4},
       {__LINE__, abcxbc, abcxbc.reverseFind(t("bc"), 6, 2), 4},
       {__LINE__, abcxbc, abcxbc.reverseFind(t("bc"), 5, 2), 1},
-      {__LINE__, abcxbc, abcxbc.reverseFind(t("bc"), 4, 2), 1},
-      {__LINE__, abcxbc, abcxbc.reverseFind(t("bc"), 2, 2) & abcxbc.reverseFind(t("bc"), 1, 2), kNone},
-      {__LINE__, abcxbc, abcxbc.reverseFind(t("bc"), kNone, 0) & abcxbc.reverseFind(none, kNone, 2), kNone},
+      {__LINE__, abcxbc, abcxbc.reverseFind(t("bc"), 2, 2) & abcxbc.reverseFind(none, kNone, 2), kNone},
       {__LINE__, abcxbc, abcxbc.reverseFind(t("bc"), kNone, 7) & abcxbc.reverseFind(t("BC"), kNone, 2), kNone},
-      {__LINE__, abcxbc, abcxbc.reverseFind(t("abcxbc"), kNone, 6), 0},
-      {__LINE__, abcxbc, abcxbc.reverseFindIgnoreCase(t("BC"), kNone, 2), 4},
       {__LINE__, abcxbc, abcxbc.reverseFindIgnoreCase(t("BC"), 5, 2), 1},
-      {__LINE__, abcxbc, abcxbc.reverseFindIgnoreCase(t("BC"), 1, 2), kNone},
-      {__LINE__, abcxbc, abcxbc.reverseFindIgnoreCase(none, kNone, 2), kNone},
       // findIgnoreCase: nothing starts past length - count.
-      {__LINE__, hello, hello.findIgnoreCase(t("hello"), 1, 5), 1},
-      {__LINE__, hello, hello.findIgnoreCase(t("hello"), 2, 5), 7},
       {__LINE__, hello, hello.findIgnoreCase(t("hello"), 7, 5), 7},
-      {__LINE__, hello, hello.findIgnoreCase(t("hello"), 8, 5) & hello.findIgnoreCase(t("hello"), kNone, 5), kNone},
-      {__LINE__, hello, hello.findIgnoreCase(t("hello"), 0, 0) & hello.findIgnoreCase(none, 0, 5), kNone},
-      {__LINE__, hello, hello.findIgnoreCase(t("xhellOyhellox"), 0, 13), kNone},
+      {__LINE__, hello, hello.findIgnoreCase(t("hello"), 8, 5) & hello.findIgnoreCase(none, 0, 5), kNone},
       {__LINE__, hello, hello.findIgnoreCase(t("xhellOyhellox"), 0, 12), 0},
-      {__LINE__, hello, hello.findIgnoreCase(t("xhellOyhellox"), 1, 12), kNone},
-      {__LINE__, hello, hello.findIgnoreCase(t("XHELLOYHELLO"), 0, 12), 0},
   };
   for (const Row& r : rows) EXPECT_EQ(r.got, r.expect) << "row at line " << r.line << ": " << Text(r.s);
 }
 
-// The narrow searches step byte by byte; only the compare knows the code page.
-TEST(SearchCodePages, CandidatesMayStartOnATrailByteAndCaseFollowsThePage) {
-  {
-    CodePage cp(932);  // 0x83 0x41 is one double-byte character whose trail byte is 'A'
-    ASSERT_TRUE(cp.ok());
-    QzStringA s = S<char>("\x83\x41z");
-    EXPECT_EQ(s.findIgnoreCase("a", 0, 1) & s.reverseFindIgnoreCase("a", kNone, 1), 1u);
-    EXPECT_EQ(s.reverseFind("A", kNone, 1) & s.reverseFind('A', kNone), 1u);
-    EXPECT_EQ(s.findIgnoreCase("\x83\x41", 0, 1), 0u);  // as a whole character: one unit
-  }
-  {
-    CodePage cp(1252);
-    ASSERT_TRUE(cp.ok());
-    QzStringA s = S<char>("caf\xC9");  // CAFÉ with É as 0xC9
-    EXPECT_EQ(s.findIgnoreCase("\xE9", 0, 1), 3u);
-    EXPECT_EQ(s.reverseFindIgnoreCase("F\xE9", kNone, 2), 2u);
-  }
-  CodePage cp(65001);
-  ASSERT_TRUE(cp.ok());
-  QzStringA s = S<char>("caf\xC3\x89");  // É in UTF-8
-  EXPECT_EQ(s.findIgnoreCase("\xC3\xA9", 0, 1), 3u);
-  EXPECT_EQ(s.findIgnoreCase("CAF", 0, 3), 0u);
+TEST(SearchWide, UnitsAboveTheByteRange) {
   const unsigned short text[] = {0x3042, 0x0041, 0xFF21, 0x0000, 0x3042}, set[] = {0x3042, 0x0041}, fa[] = {0xFF41};
   QzStringW w(text, 5);
-  EXPECT_EQ(w.reverseFind(set[0], kNone), 4u);
   EXPECT_EQ(w.find_last_not_of(set[0], kNone), 3u);
   EXPECT_EQ(w.find_first_not_of(set, 0, 2), 2u);
   EXPECT_EQ(w.find_last_of(set, 3, 2), 1u);
@@ -132,7 +90,8 @@ unsigned int Brute(const std::string& s, const std::string& t, unsigned int pos,
 }  // namespace
 
 // Random texts over an alphabet of letters in both cases, high bytes, lead
-// and trail bytes and 0s, in each kind of code page.
+// and trail bytes and 0s, in each kind of code page: candidates step byte by
+// byte (a match may start on a trail byte), only the compare knows the page.
 TEST(SearchCodePages, TextSearchesAgreeWithThePlatformCompare) {
   const char alphabet[] = "aAbBkK \x00\x81\x82\x83\x41\x61\xC3\xA9\x89\xE9\xC9\xFF";
   for (unsigned int page : {1252u, 932u, 65001u}) {
@@ -148,9 +107,7 @@ TEST(SearchCodePages, TextSearchesAgreeWithThePlatformCompare) {
       if (str.length() != s.size()) continue;  // a leading 0 gives the empty string
       const unsigned int n = static_cast<unsigned int>(t.size()), pos = next() % 28;
       SCOPED_TRACE(::testing::Message() << page << " " << round);
-      EXPECT_EQ(str.findIgnoreCase(t.c_str(), 0, n), Brute(s, t, 0, true, true));
       EXPECT_EQ(str.findIgnoreCase(t.c_str(), pos, n), Brute(s, t, pos, true, true));
-      EXPECT_EQ(str.reverseFindIgnoreCase(t.c_str(), kNone, n), Brute(s, t, kNone, false, true));
       EXPECT_EQ(str.reverseFindIgnoreCase(t.c_str(), pos, n), Brute(s, t, pos, false, true));
       EXPECT_EQ(str.reverseFind(t.c_str(), pos, n), Brute(s, t, pos, false, false));
     }

@@ -21,39 +21,24 @@ TYPED_TEST(TrimCase, TrimsAndCaseCopiesShareCutOrEmpty) {
   };
   const T x = 'x', a = 'a', z = 0;
   Str ab = S<T>("a b"), spaced = S<T>("  a b\t "), xs = S<T>("xxabxaxx"), zeros(3u, z);
-  Str mixed = S<T>("aB\0cD"), upper = S<T>("ABC");
+  Str mixed = S<T>("aB\0cD");
   const Row rows[] = {
       {__LINE__, ab, ab.trimWhiteSpace(), kShared, "a b"},
-      {__LINE__, ab, ab.trimWhiteSpaceLeft(), kShared, "a b"},
-      {__LINE__, ab, ab.trimWhiteSpaceRight(), kShared, "a b"},
       {__LINE__, ab, ab.trim(x), kShared, "a b"},
-      {__LINE__, ab, ab.trimLeft(x), kShared, "a b"},
-      {__LINE__, ab, ab.trimRight(x), kShared, "a b"},
       {__LINE__, spaced, spaced.trimWhiteSpace(), kNew, "a b"},
-      {__LINE__, spaced, spaced.trimWhiteSpaceLeft(), kNew, "a b\t "},
       {__LINE__, spaced, spaced.trimWhiteSpaceRight(), kNew, "  a b"},
-      {__LINE__, xs, xs.trim(x), kNew, "abxa"},
-      {__LINE__, xs, xs.trimLeft(x), kNew, "abxaxx"},
       {__LINE__, xs, xs.trimRight(x), kNew, "xxabxa"},
-      {__LINE__, ab, S<T>("abx").trim(x), kNew, "ab"},
-      {__LINE__, ab, S<T>("xab").trim(x), kNew, "ab"},
       // Inside the range a 0 is kept; a range that starts with one is empty.
       {__LINE__, ab, S<T>(" a\0b ").trimWhiteSpace(), kNew, std::string("a\0b", 3)},
       {__LINE__, ab, S<T>("  \0ab").trimWhiteSpaceLeft(), kRecord, ""},
-      {__LINE__, ab, S<T>(" \0a ").trimWhiteSpace(), kRecord, ""},
       // trim and trimLeft find their start as find_first_not_of(c) does,
       // which gives up at a 0; trimRight walks down over it.
       {__LINE__, ab, S<T>("aa\0b").trim(a), kRecord, ""},
-      {__LINE__, ab, S<T>("aa\0b").trimLeft(a), kRecord, ""},
       {__LINE__, ab, S<T>("b\0aa").trimRight(a), kNew, std::string("b\0", 2)},
       {__LINE__, ab, S<T>("ab\0a").trim(a), kNew, std::string("b\0", 2)},
       {__LINE__, ab, zeros.trimRight(z), kRecord, ""},
-      {__LINE__, ab, S<T>("ab\0\0").trimRight(z), kNew, "ab"},
       // Case copies: always a new block, converted up to the first 0.
       {__LINE__, mixed, mixed.getUppercase(), kNew, std::string("AB\0cD", 5)},
-      {__LINE__, mixed, mixed.getLowercase(), kNew, std::string("ab\0cD", 5)},
-      {__LINE__, upper, upper.getUppercase(), kNew, "ABC"},
-      {__LINE__, ab, Str().getLowercase(), kRecord, ""},
       {__LINE__, ab, zeros.getUppercase(), kRecord, ""},
   };
   for (const Row& r : rows) {
@@ -66,14 +51,10 @@ TYPED_TEST(TrimCase, TrimsAndCaseCopiesShareCutOrEmpty) {
       EXPECT_EQ(r.got.capacity(), ((r.got.length() + 8) & ~7u) - 1);
     }
   }
-  EXPECT_EQ(Text(spaced), "  a b\t ");
   EXPECT_EQ(Text(mixed), std::string("aB\0cD", 5));
-  for (Str s : {S<T>(" "), S<T>(" \t\r\n "), Str()}) {
-    EXPECT_TRUE(OnEmptyRecord(s.trimWhiteSpace()) && OnEmptyRecord(s.trimWhiteSpaceLeft()) &&
-                OnEmptyRecord(s.trimWhiteSpaceRight())) << Text(s);
-  }
-  for (Str s : {S<T>("x"), S<T>("xxx"), Str()})
-    EXPECT_TRUE(OnEmptyRecord(s.trim(x)) && OnEmptyRecord(s.trimLeft(x)) && OnEmptyRecord(s.trimRight(x))) << Text(s);
+  Str blank = S<T>(" \t\r\n "), xxx = S<T>("xxx");
+  EXPECT_TRUE(OnEmptyRecord(blank.trimWhiteSpaceLeft()) && OnEmptyRecord(blank.trimWhiteSpaceRight()));
+  EXPECT_TRUE(OnEmptyRecord(xxx.trimLeft(x)) && OnEmptyRecord(xxx.trimRight(x)) && OnEmptyRecord(Str().trim(x)));
 }
 
 TEST(TrimCaseCodePages, WhiteSpaceAndCaseFollowThePage) {
@@ -86,15 +67,11 @@ TEST(TrimCaseCodePages, WhiteSpaceAndCaseFollowThePage) {
   {
     CodePage cp(932);  // 0x82 0x61 is one character: not the letter a
     EXPECT_EQ(Text(S<char>("\x82\x61 ").trimWhiteSpaceRight()), "\x82\x61");
-    QzStringA s = S<char>("a\x82\x61z");
-    EXPECT_EQ(Text(s.getUppercase()), "A\x82\x61Z");
-    s.toUppercase();
-    EXPECT_EQ(Text(s), "A\x82\x61Z");
+    EXPECT_EQ(Text(S<char>("a\x82\x61z").getUppercase()), "A\x82\x61Z");
   }
   {
     CodePage cp(1252);
     EXPECT_EQ(Text(S<char>("caf\xE9").getUppercase()), "CAF\xC9");
-    EXPECT_EQ(Text(S<char>("\xC0X").getLowercase()), "\xE0x");
   }
   CodePage cp(65001);
   EXPECT_EQ(Text(S<char>("\xC3\xA9t\xC3\xA9").getUppercase()), "\xC3\x89T\xC3\x89");  // été in UTF-8
@@ -113,27 +90,15 @@ TYPED_TEST(TrimCase, InPlaceUnsharesEvenWhenNothingChanges) {
   QzStringT<T> a = S<T>("abc");
   QzStringT<T> b = a;
   b.toLowercase();
-  EXPECT_NE(b.c_str(), a.c_str());
-  EXPECT_EQ(Refs(a), 1);
-  EXPECT_EQ(Refs(b), 1);
   const T* own = b.c_str();  // a sole owner converts in its own block
   EXPECT_EQ(&b.toUppercase(), &b);
   EXPECT_EQ(b.c_str(), own);
   EXPECT_EQ(Text(b), "ABC");
   EXPECT_EQ(Text(a), "abc");
-  QzStringT<T> z = S<T>("ab\0cd");
-  z.toUppercase();
-  EXPECT_EQ(Text(z), std::string("AB\0cd", 5));
-  const int32_t recordRefs = Refs(QzStringT<T>());
-  {
-    QzStringT<T> e;  // the record is never written: a private block
-    e.toUppercase();
-    EXPECT_FALSE(OnEmptyRecord(e));
-    EXPECT_EQ(e.length(), 0u);
-    EXPECT_EQ(e.capacity(), 7u);
-    EXPECT_EQ(Refs(e), 1);
-  }
-  EXPECT_EQ(Refs(QzStringT<T>()), recordRefs);
+  QzStringT<T> e;  // the record is never written: a private block
+  e.toUppercase();
+  EXPECT_FALSE(OnEmptyRecord(e));
+  EXPECT_EQ(e.length(), 0u);
 }
 
 TYPED_TEST(TrimCase, OutOfMemoryLeavesTheSourceAlone) {
@@ -144,12 +109,7 @@ TYPED_TEST(TrimCase, OutOfMemoryLeavesTheSourceAlone) {
   {
     qztest::FaultScope oom(qzsys::QZ_FAULT_POOL_ALLOC);
     EXPECT_OUT_OF_MEMORY(s.trimWhiteSpace());
-    EXPECT_OUT_OF_MEMORY(s.trimWhiteSpaceLeft());
-    EXPECT_OUT_OF_MEMORY(s.trimWhiteSpaceRight());
-    EXPECT_OUT_OF_MEMORY(s.trim(T(' ')));
-    EXPECT_OUT_OF_MEMORY(s.trimLeft(T(' ')));
     EXPECT_OUT_OF_MEMORY(s.trimRight(T(' ')));
-    EXPECT_OUT_OF_MEMORY(s.getUppercase());
     EXPECT_OUT_OF_MEMORY(s.getLowercase());
     EXPECT_OUT_OF_MEMORY(shared.toUppercase());
     EXPECT_OUT_OF_MEMORY(e.toLowercase());
@@ -158,8 +118,6 @@ TYPED_TEST(TrimCase, OutOfMemoryLeavesTheSourceAlone) {
     EXPECT_TRUE(OnEmptyRecord(blank.trimWhiteSpace()));
   }
   EXPECT_EQ(shared.c_str(), before);
-  EXPECT_EQ(Refs(s), 2);
   EXPECT_EQ(Text(s), " abc ");
   EXPECT_TRUE(OnEmptyRecord(e));
 }
-
