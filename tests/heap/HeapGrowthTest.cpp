@@ -68,25 +68,6 @@ TEST(HeapGrowth, NeighbouringRegionsJoinTheSegment) {
   EXPECT_HEAP_OK(p.h);
 }
 
-TEST(HeapGrowth, AfterAResetOldBlocksAreDroppedAndAPrependJoinsTop) {
-  Placed p(2);
-  ASSERT_EQ(1, Qz_MempoolOpt(nullptr, -3, -1));
-  void* old = QzHeapAlloc(p.h, 100);
-  QzHeapResetOnCorruption(p.h);  // next growth puts top at the start of a region
-  p.Next(10);
-  QzHeapFree(QzHeapAlloc(p.h, 100));
-  ASSERT_EQ(p.At(10), Addr(p.h->top));
-  QzHeapFree(old);  // below the lowest address now
-  const size_t topSize = p.h->topSize;
-  p.Next(8);
-  void* c = QzHeapAlloc(p.h, p.G + p.G / 2);
-  ASSERT_EQ(p.At(8) + QZ_CHUNK_OVERHEAD, Addr(c));
-  EXPECT_EQ(Addr(ChunkOf(c)) + ChunkSizeOf(c), Addr(p.h->top));
-  EXPECT_EQ(topSize + 2 * p.G - ChunkSizeOf(c), p.h->topSize);
-  EXPECT_EQ(0u, Report(p.h).freeChunks);
-  EXPECT_HEAP_OK(p.h);
-}
-
 TEST(HeapGrowth, DirectMappings) {
   ParamsScope params;
   ScopedHeap h;
