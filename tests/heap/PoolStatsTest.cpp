@@ -137,20 +137,6 @@ TEST(PoolStats, InfoAndFootprintFollowGrowthAndDirectMappings) {
   for (size_t i = 1; i < blocks.size(); i += 2) Qz_MempoolFree(p.pool, blocks[i]);
 }
 
-TEST(PoolStats, CachedBlocksStayInUseUntilEvicted) {
-  QzMempool* pool = Qz_CreateMempool(0, 1);
-  void* b = Qz_MempoolAlloc(pool, 100);
-  ASSERT_NE(MyCache(pool), nullptr);
-  const size_t used = Qz_MempoolGetInfo(pool).usedBytes;
-  Qz_MempoolFree(pool, b);
-  EXPECT_EQ(Qz_MempoolGetInfo(pool).usedBytes, used);
-  const size_t footprint = Qz_MempoolFootprint(pool);
-  Qz_MempoolDisableThreadCache(pool);  // evicts, and gives the cache record back
-  EXPECT_LT(Qz_MempoolGetInfo(pool).usedBytes, used - QzChunkSize(QzBlockToChunk(b)) + 1);
-  EXPECT_EQ(Qz_MempoolFootprint(pool), footprint);
-  Qz_DestroyMempool(pool);
-}
-
 // A pool whose first heap lies at a known place, with automatic trimming off.
 struct PlacedPool {
   heaptest::ParamsScope params;
