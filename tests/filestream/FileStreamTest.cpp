@@ -90,7 +90,7 @@ TEST(FileInputStream, SeeksClampOrRefuseByOrigin) {
     int result;
     uint64_t position;  // where the stream stands after, from a start at 1000
   } rows[] = {
-      {kSpan, 0, 1, kSpan},        {int64_t(size) + 1, 0, 0, 1000}, {-1, 0, 0, 1000},
+      {int64_t(size), 0, 1, size}, {int64_t(size) + 1, 0, 0, 1000}, {-1, 0, 0, 1000},
       {-2000, 1, 1, 0},            {INT64_MAX, 1, 1, size},         {INT64_MIN, 1, 1, 0},
       {-100, 2, 1, size - 100},    {100, 2, 1, size},               {0, 3, 0, 1000},
   };

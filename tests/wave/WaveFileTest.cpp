@@ -43,12 +43,8 @@ TEST(WaveFile, WritesTheExactBytesAndReadsThemBack) {
     size_t formatSize = r.formatBytes.size() == 16 ? 18 : r.formatBytes.size();
     std::string got(reinterpret_cast<char*>(w.GetFormat()), formatSize);
     EXPECT_EQ(got, r.formatBytes.size() == 16 ? r.formatBytes + Le16(0) : r.formatBytes);
-    unsigned char head[100];
-    DWORD n = 0;
-    ASSERT_EQ(w.Read(head, 100, &n), 0);
-    ASSERT_EQ(n, 100u);
-    EXPECT_TRUE(ReadAllData(w, 5000) == data.substr(100));
-    ASSERT_EQ(w.ResetFile(), 0);  // starts over, and GetSize stays
+    EXPECT_TRUE(ReadAllData(w, 5000) == data);
+    ASSERT_EQ(w.ResetFile(), 0);
     EXPECT_TRUE(ReadAllData(w, 70000) == data);
     EXPECT_EQ(w.Close(), 0);
     EXPECT_NE(w.GetFormat(), nullptr);  // the format outlives Close
