@@ -194,7 +194,7 @@ TEST(FileOutputStream, FlushSetPositionAndFailuresLoseOnlyWaitingBytes) {
     FaultScope shortWrite(QZ_FAULT_WRITE_FILE_SHORT, 0, 1);
     EXPECT_EQ(s.Flush(), 0);
   }
-  EXPECT_EQ(s.Flush(), 0);  // the waiting bytes are gone
+  EXPECT_EQ(s.Flush(), 0);  // the waiting bytes are gone, not written twice
   EXPECT_EQ(s.Write(nullptr, 5), 0u);
 }
 

@@ -108,8 +108,7 @@ TEST(RealClients, WeReadWhatSoxWrites) {
       ASSERT_NE(data, std::string::npos);
       std::string extra = Chunk("LIST", "INFO" + Chunk("ISFT", "qzbase")) + Chunk("odd ", "12345");
       file.insert(data, extra);
-      uint32_t riffSize = ReadLe32(file, 4) + uint32_t(extra.size());
-      file.replace(4, 4, Le32(riffSize));
+      file.replace(4, 4, Le32(uint32_t(file.size() - 8)));
       WriteAll(path, file);
     }
     QzWaveFile w;

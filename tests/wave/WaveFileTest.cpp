@@ -63,7 +63,6 @@ TEST(WaveFile, RefusedFilesGiveTheirLines) {
       {"not RIFF", "RIFX" + Riff("WAVE", fmt + data).substr(4), "QzWaveFile::ReadMMIO: mmioFOURCC failed"},
       {"fmt of 14 bytes", Riff("WAVE", Chunk("fmt ", PcmFormat(1, 8000, 16).substr(0, 14)) + data),
        "QzWaveFile::ReadMMIO: ckIn.cksize(14) < sizeof(PCMWAVEFORMAT)"},
-      {"truncated fmt", Riff("WAVE", fmt).substr(0, 30), "QzWaveFile::ReadMMIO: mmioDescend failed"},
       {"cbSize past its chunk",
        Riff("WAVE", Chunk("fmt ", Le16(3) + PcmFormat(1, 8000, 32).substr(2) + Le16(9)) + data),
        "QzWaveFile::ReadMMIO: mmioRead failed"},
@@ -80,9 +79,6 @@ TEST(WaveFile, RefusedFilesGiveTheirLines) {
     EXPECT_EQ(w.Open((dir / "bad.wav").c_str(), nullptr, QzWaveFile::QZ_WAVE_READ), kFail);
     EXPECT_EQ(w.IsValid(), 0);
     EXPECT_NE(capture.joined().find(std::string("Error: ") + r.line), std::string::npos) << capture.joined();
-    bool readLine = strstr(r.line, "ReadMMIO") != nullptr;
-    EXPECT_NE(capture.joined().find(readLine ? "QzWaveFile::Open: ReadMMIO failed" : "QzWaveFile::Open: ResetFile failed"),
-              std::string::npos);
   }
 }
 
