@@ -1,5 +1,5 @@
 // File streams: reads across every view boundary in mapped and plain mode,
-// seeks, the output buffer's rules, constructors' refusals, transfers.
+// seeks, the output buffer's rules, append and cut, constructors' refusals.
 #include <gtest/gtest.h>
 
 #include <qzbase/QzException.h>
@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "QzTestSupport.h"
-#include "platform/posix/Handles.h"
 
 using namespace qzsys;
 using qztest::DebugCapture;
