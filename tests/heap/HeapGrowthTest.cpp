@@ -272,3 +272,33 @@ TEST(HeapCorruption, BrokenLinksResetTheHeap) {
 }
 
 }  // namespace
+
+TEST(HeapGrowth, AfterAResetGrowthBelowTheOldMemory) {
+  Placed p(10);
+  ASSERT_EQ(1, Qz_MempoolOpt(nullptr, -3, -1));
+  std::vector<void*> old;
+  for (size_t n : {100, 2000, 100, 5000, 100}) old.push_back(QzHeapAlloc(p.h, n));
+  QzHeapFree(old[1]);  // free neighbours in the forgotten memory
+  QzHeapFree(old[3]);
+  QzHeapResetOnCorruption(p.h);
+  p.Next(2);
+  void* fresh = QzHeapAlloc(p.h, 2000);
+  ASSERT_EQ(p.At(2) + QZ_CHUNK_OVERHEAD, Addr(fresh));
+  EXPECT_EQ(p.At(2), p.h->lowestAddress);
+  EXPECT_EQ(p.At(2), p.h->firstSegment.base);
+  EXPECT_EQ(nullptr, p.h->firstSegment.next);
+  EXPECT_HEAP_OK(p.h);
+  const QzHeapCheckReport before = Report(p.h);
+  for (void* b : {old[0], old[2], old[4]}) QzHeapFree(b);
+  EXPECT_HEAP_OK(p.h);
+  EXPECT_EQ(before.freeBytes, Report(p.h).freeBytes);
+  std::vector<void*> more;
+  for (size_t n : {100, 2000, 5000, 100}) {
+    more.push_back(QzHeapAlloc(p.h, n));
+    EXPECT_GE(Addr(more.back()), p.At(2)) << n;
+    EXPECT_LT(Addr(more.back()), p.At(3)) << n;
+  }
+  for (void* b : more) QzHeapFree(b);
+  QzHeapFree(fresh);
+  EXPECT_HEAP_OK(p.h);
+}
