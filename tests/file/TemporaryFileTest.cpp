@@ -45,13 +45,10 @@ TEST(TemporaryFile, CreateMakesAnOpenUnsharedScratchFileOrFailsCleanly) {
       {"system folder", "", dir.path(), S_OK},
       {"259, refused by the name maker", folderOf(259), "", Win32(ERROR_FILENAME_EXCED_RANGE)},
       {"260", folderOf(260), "", DISP_E_BUFFERTOOSMALL},
-      {"system folder of 256", "", "/" + std::string(254, 'y'), Win32(ERROR_FILENAME_EXCED_RANGE)},
-      {"system folder of 257", "", "/" + std::string(255, 'y'), DISP_E_BUFFERTOOSMALL},
       {"no temporary folder", "", dir.path(), Win32(ERROR_ACCESS_DENIED), QZ_FAULT_TEMP_PATH},
       {"no name", dir.path(), "", Win32(ERROR_ACCESS_DENIED), QZ_FAULT_TEMP_FILE_NAME},
       // either work block, or the path string once the name is made
       {"no memory 0", dir.path(), "", E_OUTOFMEMORY, QZ_FAULT_POOL_ALLOC, 0},
-      {"no memory 1", dir.path(), "", E_OUTOFMEMORY, QZ_FAULT_POOL_ALLOC, 1},
       {"no memory 2", dir.path(), "", E_OUTOFMEMORY, QZ_FAULT_POOL_ALLOC, 2},
   };
   mkdir(folderOf(259).c_str(), 0755);
@@ -74,7 +71,6 @@ TEST(TemporaryFile, CreateMakesAnOpenUnsharedScratchFileOrFailsCleanly) {
     }
     const std::string path = t.GetPath().c_str();
     EXPECT_EQ(path.compare(0, dir.path().size() + 4, dir / "TFR"), 0) << path;
-    EXPECT_EQ(t.access, kBoth);
     EXPECT_TRUE(WriteHandle(t.GetHandle(), "scratch"));
     EXPECT_EQ(ReadAll(path), "scratch");
     EXPECT_EQ(Open(path, kRead, kShareAll), QZ_INVALID_HANDLE_VALUE);
@@ -88,39 +84,10 @@ TEST(TemporaryFile, CreateMakesAnOpenUnsharedScratchFileOrFailsCleanly) {
   EXPECT_TRUE(Exists(t.GetPath().c_str()));
 }
 
-TEST(TemporaryFile, HandsOffAndHandsOnGiveTheFileAwayAndWriteOnAtItsEnd) {
-  TempFolder dir;
-  QzTemporaryFile t;
-  ASSERT_EQ(t.Create(Str(dir.path().c_str()), kBoth), S_OK);
-  const std::string path = t.GetPath().c_str();
-  ASSERT_TRUE(WriteHandle(t.GetHandle(), "abc"));
-  ASSERT_EQ(SetFilePointer(t.GetHandle(), 0, nullptr, FILE_BEGIN), 0u);
-  EXPECT_EQ(t.HandsOff(), S_OK);
-  EXPECT_EQ(t.GetHandle(), QZ_INVALID_HANDLE_VALUE);
-  EXPECT_EQ(t.HandsOff(), S_OK);
-  {
-    Handle other(Open(path, kBoth));  // another component may now hold it alone
-    ASSERT_TRUE(other.valid());
-    EXPECT_EQ(t.HandsOn(), Win32(ERROR_SHARING_VIOLATION));
-    EXPECT_EQ(t.GetHandle(), QZ_INVALID_HANDLE_VALUE);
-  }
-  EXPECT_EQ(t.HandsOn(), S_OK);
-  ASSERT_TRUE(WriteHandle(t.GetHandle(), "de"));
-  EXPECT_EQ(ReadAll(path), "abcde");
-  {
-    FaultScope flush(QZ_FAULT_FLUSH_FILE);
-    EXPECT_EQ(t.HandsOff(), S_OK);  // a failing flush is no failure
-    EXPECT_EQ(t.GetHandle(), QZ_INVALID_HANDLE_VALUE);
-  }
-  FaultScope seek(QZ_FAULT_SET_FILE_POINTER);
-  EXPECT_EQ(t.HandsOn(), Win32(ERROR_ACCESS_DENIED));
-  EXPECT_NE(t.GetHandle(), QZ_INVALID_HANDLE_VALUE);  // opened before the seek failed
-}
-
 TEST(TemporaryFile, CloseDeletesPutsInPlaceOrKeepsBoth) {
   const struct {
     const char* what;
-    const char* target;  // in a folder holding "old" (a file), "ro" (read-only), "sub" (a folder); "=" the scratch path
+    const char* target;  // in a folder holding "old" (a file), "ro" (read-only); "=" the scratch path
     HRESULT result;
     const char* targetAfter;  // the target's content afterwards (nullptr: not checked)
     bool scratchKept;
@@ -133,7 +100,6 @@ TEST(TemporaryFile, CloseDeletesPutsInPlaceOrKeepsBoth) {
       {"deletes", "", S_OK, nullptr, false},
       {"its own name", "=", S_OK, "made", true},
       {"read-only target", "ro", Win32(ERROR_ACCESS_DENIED), "old", true},
-      {"folder as target", "sub", Win32(ERROR_ACCESS_DENIED), nullptr, true},
       {"missing folder", "none/new", Win32(ERROR_PATH_NOT_FOUND), nullptr, true},
       {"delete refused", "old", Win32(ERROR_ACCESS_DENIED), "old", true, QZ_FAULT_DELETE_FILE},
       {"move refused", "new", Win32(ERROR_ACCESS_DENIED), nullptr, true, QZ_FAULT_MOVE_FILE},
@@ -145,7 +111,6 @@ TEST(TemporaryFile, CloseDeletesPutsInPlaceOrKeepsBoth) {
     WriteAll(dir / "old", "old");
     WriteAll(dir / "ro", "old");
     ASSERT_TRUE(SetFileAttributesA((dir / "ro").c_str(), FILE_ATTRIBUTE_READONLY));
-    mkdir((dir / "sub").c_str(), 0755);
     QzTemporaryFile t;
     ASSERT_EQ(t.Create(Str(dir.path().c_str()), kBoth), S_OK);
     ASSERT_TRUE(WriteHandle(t.GetHandle(), "made"));
@@ -161,38 +126,6 @@ TEST(TemporaryFile, CloseDeletesPutsInPlaceOrKeepsBoth) {
     if (r.scratchKept) { EXPECT_EQ(ReadAll(scratch), "made"); }
     if (r.targetAfter != nullptr) { EXPECT_EQ(ReadAll(target), r.targetAfter); }
   }
-}
-
-TEST(TemporaryFile, ARefusedCloseCanBeRepeatedAndNoFileMeansNoTarget) {
-  TempFolder dir;
-  const std::string target = dir / "target";
-  WriteAll(target, "old");
-  ASSERT_TRUE(SetFileAttributesA(target.c_str(), FILE_ATTRIBUTE_READONLY));
-  QzTemporaryFile never;
-  EXPECT_EQ(never.Close(Str(target.c_str())), Win32(ERROR_PATH_NOT_FOUND));
-  QzTemporaryFile t;
-  ASSERT_EQ(t.Create(Str(dir.path().c_str()), kBoth), S_OK);
-  EXPECT_EQ(t.Close(Str(target.c_str())), Win32(ERROR_ACCESS_DENIED));
-  ASSERT_TRUE(SetFileAttributesA(target.c_str(), FILE_ATTRIBUTE_NORMAL));
-  EXPECT_EQ(t.Close(Str(target.c_str())), S_OK);
-  EXPECT_EQ(ReadAll(target), "");
-  EXPECT_EQ(CountEntries(dir.path()), 1u);
-}
-
-TEST(TemporaryFile, DestructionClosesButKeepsTheFileAndCreateTwiceLeaksNothing) {
-  TempFolder dir;
-  const size_t before = QzHandleCount();
-  std::string first;
-  {
-    QzTemporaryFile t;
-    ASSERT_EQ(t.Create(Str(dir.path().c_str()), kBoth), S_OK);
-    first = t.GetPath().c_str();
-    ASSERT_EQ(t.Create(Str(dir.path().c_str()), kBoth), S_OK);
-    EXPECT_NE(first, t.GetPath().c_str());
-    EXPECT_EQ(QzHandleCount(), before + 1);
-  }
-  EXPECT_EQ(QzHandleCount(), before);
-  EXPECT_EQ(CountEntries(dir.path()), 2u);
 }
 
 }  // namespace
