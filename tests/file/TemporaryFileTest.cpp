@@ -84,6 +84,36 @@ TEST(TemporaryFile, CreateMakesAnOpenUnsharedScratchFileOrFailsCleanly) {
   EXPECT_TRUE(Exists(t.GetPath().c_str()));
 }
 
+TEST(TemporaryFile, HandsOffAndHandsOnGiveTheFileAwayAndWriteOnAtItsEnd) {
+  TempFolder dir;
+  QzTemporaryFile t;
+  ASSERT_EQ(t.Create(Str(dir.path().c_str()), kBoth), S_OK);
+  const std::string path = t.GetPath().c_str();
+  ASSERT_TRUE(WriteHandle(t.GetHandle(), "abc"));
+  ASSERT_EQ(SetFilePointer(t.GetHandle(), 0, nullptr, FILE_BEGIN), 0u);
+  EXPECT_EQ(t.HandsOff(), S_OK);
+  EXPECT_EQ(t.GetHandle(), QZ_INVALID_HANDLE_VALUE);
+  EXPECT_EQ(t.HandsOff(), S_OK);
+  {
+    Handle other(Open(path, kBoth));  // another component may now hold it alone
+    ASSERT_TRUE(other.valid());
+    EXPECT_EQ(t.HandsOn(), Win32(ERROR_SHARING_VIOLATION));
+    EXPECT_EQ(t.GetHandle(), QZ_INVALID_HANDLE_VALUE);
+  }
+  EXPECT_EQ(t.HandsOn(), S_OK);
+  ASSERT_TRUE(WriteHandle(t.GetHandle(), "de"));
+  EXPECT_EQ(ReadAll(path), "abcde");
+  {
+    FaultScope flush(QZ_FAULT_FLUSH_FILE);
+    EXPECT_EQ(t.HandsOff(), S_OK);  // a failing flush is no failure
+    EXPECT_EQ(t.GetHandle(), QZ_INVALID_HANDLE_VALUE);
+  }
+  FaultScope seek(QZ_FAULT_SET_FILE_POINTER);
+  EXPECT_EQ(t.HandsOn(), Win32(ERROR_ACCESS_DENIED));
+  EXPECT_NE(t.GetHandle(), QZ_INVALID_HANDLE_VALUE);  // opened before the seek failed
+}
+
+
 TEST(TemporaryFile, CloseDeletesPutsInPlaceOrKeepsBoth) {
   const struct {
     const char* what;

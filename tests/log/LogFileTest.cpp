@@ -3,6 +3,9 @@
 
 #include <qzbase/qzbase.h>
 
+#include <time.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <optional>
 #include <sstream>
@@ -79,6 +82,46 @@ TEST_F(LogFiles, EveryFailureWhileCreatingEndsOnDebugOutputWithNothingHeld) {
 
 // The ring: bytes written reaching exactly the limit do not rewind; the line
 // that passes it is written whole and the next one starts at offset 0.
+TEST_F(LogFiles, AFailedWriteLosesItsLineAndAShortOneCountsWhatWasWritten) {
+  const std::string path = Path("e.log");
+  ASSERT_EQ(QZ_CREATE_FILE_LOG(path.c_str()), 1);
+  {
+    FaultScope fail(qzsys::QZ_FAULT_WRITE_FILE, 0, 1);
+    QZ_LOG_WRITE_A(QZ_LOG_INFO, "lost");
+  }
+  EXPECT_EQ(QzLogCurrentFile()->bytesWritten, 0u);
+  {
+    FaultScope shortWrite(qzsys::QZ_FAULT_WRITE_FILE_SHORT, 0, 1);
+    QZ_LOG_WRITE_A(QZ_LOG_INFO, "short");
+  }
+  EXPECT_EQ(QzLogCurrentFile()->bytesWritten, ReadAll(path).size());
+  EXPECT_EQ(ReadAll(path).find("lost"), std::string::npos);
+}
+
+TEST(Log, PrefixCarriesLocalTimeProcessAndThread) {
+  DebugCapture capture;
+  const time_t before = time(nullptr);
+  QZ_LOG_WRITE_A(QZ_LOG_INFO, "x");
+  const time_t after = time(nullptr);
+  Line l;
+  ASSERT_TRUE(ParseLine(capture.joined(), &l)) << capture.joined();
+  EXPECT_EQ(l.pid, static_cast<long>(getpid()));
+  EXPECT_EQ(l.tid, static_cast<long>(qzsys::GetCurrentThreadId()));
+  struct tm t = {};
+  t.tm_year = l.year - 1900;  // month first: the date reads month/day/year
+  t.tm_mon = l.month - 1;
+  t.tm_mday = l.day;
+  t.tm_hour = l.hour;
+  t.tm_min = l.minute;
+  t.tm_sec = l.second;
+  t.tm_isdst = -1;
+  const time_t stamped = mktime(&t);
+  EXPECT_GE(stamped, before - 1);
+  EXPECT_LE(stamped, after + 1);
+  EXPECT_LT(l.ms, 1000);
+}
+
+
 TEST_F(LogFiles, TheFileRewindsOnlyPastTheLimitAndKeepsItsSize) {
   const std::string path = Path("ring.log");
   ASSERT_EQ(QZ_CREATE_FILE_LOG(path.c_str()), 1);

@@ -13,18 +13,29 @@ namespace qztest {
 inline const char kTrailer[] =
     "*******************************************END BINARY*******************************************\n";
 
-// Splits one line into level and message, checking the prefix's shape.
+// Splits one line into its prefix fields and message, checking the prefix's shape.
 struct Line {
+  int month = 0, day = 0, year = 0, hour = 0, minute = 0, second = 0, ms = 0;
+  long pid = 0, tid = 0;
   std::string level, message;
 };
 
 inline bool ParseLine(const std::string& text, Line* out) {
   static const std::regex re(
-      R"(^\[\d{2}/\d{2}/\d{4} \d{2}:\d{2}:\d{2}\.\d{3} pid=\d+ tid=\d+\] ([A-Za-z]+): ([^]*)\n$)");
+      R"(^\[(\d{2})/(\d{2})/(\d{4}) (\d{2}):(\d{2}):(\d{2})\.(\d{3}) pid=(\d+) tid=(\d+)\] ([A-Za-z]+): ([^]*)\n$)");
   std::smatch m;
   if (!std::regex_match(text, m, re)) return false;
-  out->level = m[1];
-  out->message = m[2];
+  out->month = std::stoi(m[1]);
+  out->day = std::stoi(m[2]);
+  out->year = std::stoi(m[3]);
+  out->hour = std::stoi(m[4]);
+  out->minute = std::stoi(m[5]);
+  out->second = std::stoi(m[6]);
+  out->ms = std::stoi(m[7]);
+  out->pid = std::stol(m[8]);
+  out->tid = std::stol(m[9]);
+  out->level = m[10];
+  out->message = m[11];
   return true;
 }
 
@@ -33,6 +44,7 @@ inline std::string MessageOf(const std::string& line) {
   EXPECT_TRUE(ParseLine(line, &l)) << line;
   return l.message;
 }
+
 
 // The rows a dump of `size` bytes must give, after its header.
 inline std::string ExpectedRows(const unsigned char* data, unsigned size) {
