@@ -51,7 +51,9 @@ void Detach() {
   Trace("load entry: detach");
   DisableLog();
   // Nothing the system keeps may point into the library once it is unloaded:
-  // the fault guard's signal handlers and the TLS tables' thread-exit destructor.
+  // an ended thread still on its last instructions, the fault guard's and the
+  // kill signal's handlers, and the TLS tables' thread-exit destructor.
+  QzThreadRelease();
   QzGuardRelease();
   QzTlsRelease();
 }

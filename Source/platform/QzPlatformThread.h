@@ -70,9 +70,13 @@ BOOL GetExitCodeThread(HANDLE thread, DWORD* exitCode);
 BOOL TerminateThread(HANDLE thread, DWORD exitCode);
 // The real-time signal that carries a kill; hosts must leave it alone.
 int QzTerminateSignal();
-// Killed threads whose runtime record and stack are not yet given back;
-// each thread call reclaims those whose kernel thread has gone (tests).
+// Ended or killed threads whose runtime record and stack are not yet given
+// back; each thread call reclaims those whose kernel thread has gone (tests).
 size_t QzThreadsAwaitingReap();
+// Detach: waits until every thread that ended by itself has left the
+// library's code, and gives the host's action for the kill signal back.
+// A thread started afterwards installs the handler again.
+void QzThreadRelease();
 
 // ---- System version ------------------------------------------------------------
 struct OSVERSIONINFOA {

@@ -159,7 +159,8 @@ bool RefuseKernelProbes() {
 }
 
 // 50 rounds of load, use on two threads, unload. Every unload must unmap
-// the library and leave no handler, thread-exit destructor or thread of it.
+// the library and leave no handler, thread-exit destructor or thread of it,
+// even though the library's own thread ended just before.
 // Reports by exit code, since a sandbox cannot be left again.
 void LoadAndUnload(bool sandboxed) {
   const std::string plugin = Env("QZ_UNLOAD_PLUGIN"), library = BaseName(Env("QZ_LIBRARY"));
@@ -176,6 +177,8 @@ void LoadAndUnload(bool sandboxed) {
   pthread_key_create(&firstFree, nullptr);
   pthread_key_delete(firstFree);
   const size_t threads = ThreadCount();
+  const int killSignal = SIGRTMAX - 3;  // the library's thread kill
+  void* const hostKill = HandlerOf(killSignal);
   for (int round = 0; round < 50; ++round) {
     if (Mapped(library)) _exit(10);
     void* handle = dlopen(plugin.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -183,6 +186,9 @@ void LoadAndUnload(bool sandboxed) {
     auto exercise = reinterpret_cast<int (*)(void*)>(dlsym(handle, "QzPluginExercise"));
     if (exercise == nullptr || exercise(bad) != 1) _exit(12);
     if (sandboxed != (HandlerOf(SIGSEGV) != reinterpret_cast<void*>(&HostHandler))) _exit(13);
+    // Unloading follows soon after its end: the thread must have left the library's code.
+    auto runThread = reinterpret_cast<int (*)()>(dlsym(handle, "QzPluginRunThread"));
+    if (runThread == nullptr || runThread() != 1) _exit(21);
     // A host thread that used the library ends only after the unload: its
     // thread-exit destructors must not lead into the unloaded code.
     std::atomic<int> answer{0};
@@ -198,6 +204,7 @@ void LoadAndUnload(bool sandboxed) {
     user.join();
     if (Mapped(library) || Mapped(BaseName(plugin))) _exit(16);  // really unmapped
     if (HandlerOf(SIGSEGV) != reinterpret_cast<void*>(&HostHandler)) _exit(17);
+    if (HandlerOf(killSignal) != hostKill) _exit(20);
     pthread_key_t key;
     if (pthread_key_create(&key, nullptr) != 0 || key != firstFree) _exit(18);  // its key was deleted
     pthread_key_delete(key);

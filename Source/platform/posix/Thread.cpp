@@ -7,11 +7,13 @@
 // a futex, so that the kill signal's handler can publish the end and wake
 // the waiters with nothing but an atomic store and a system call.
 //
-// A thread that ends by itself detaches itself, and the runtime gives its
-// stack back. A killed thread leaves the runtime's thread record and stack
-// behind: the killer files them in the reap list, and the next thread call
-// joins each killed thread whose kernel thread has gone, which returns its
-// stack to the runtime's cache.
+// Waiters wake when the end is published, but a thread that ends by itself
+// still runs a few instructions of this library after that, and a killed
+// one leaves the runtime's thread record and stack behind. So every ending
+// thread is filed in the reap list (a killed one by its killer), and the
+// next thread call joins each whose kernel thread has gone, which returns
+// its stack to the runtime's cache. Detach joins the ones that ended by
+// themselves, so that none is still inside the library when it is unmapped.
 #include "platform/QzPlatformThread.h"
 #include "platform/QzPlatformBase.h"
 #include "platform/QzPlatformFaults.h"
@@ -122,17 +124,35 @@ void KillHandler(int, siginfo_t*, void*) {
   for (;;) syscall(SYS_exit, 0);
 }
 
-std::once_flag g_killInstall;
+// The handler is installed at the first thread start and the host's own
+// action given back at detach, so that nothing points into an unloaded library.
+std::mutex g_killLock;
+bool g_killInstalled = false;
+struct sigaction g_hostKillAction;
+
 void InstallKillHandler() {
+  std::lock_guard<std::mutex> lock(g_killLock);
+  if (g_killInstalled) return;
   struct sigaction sa;
   memset(&sa, 0, sizeof sa);
   sa.sa_sigaction = &KillHandler;
   sa.sa_flags = SA_SIGINFO;  // no SA_RESTART: a blocked call is left at once
   sigfillset(&sa.sa_mask);
-  sigaction(KillSignal(), &sa, nullptr);
+  g_killInstalled = sigaction(KillSignal(), &sa, &g_hostKillAction) == 0;
 }
 
-// ---- Reaping killed threads ----------------------------------------------------
+void ReleaseKillHandler() {
+  std::lock_guard<std::mutex> lock(g_killLock);
+  if (!g_killInstalled) return;
+  struct sigaction current;
+  // A host that took the signal over since keeps it.
+  if (sigaction(KillSignal(), nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) != 0 &&
+      current.sa_sigaction == &KillHandler)
+    sigaction(KillSignal(), &g_hostKillAction, nullptr);
+  g_killInstalled = false;
+}
+
+// ---- Reaping ended threads ----------------------------------------------------
 // The sanitizer runtimes join a thread only once it has run their own end
 // steps, which a killed thread never does: their joins would wait for ever.
 // Under them the killed threads' stacks are knowingly left behind.
@@ -143,25 +163,43 @@ constexpr bool kCanReap = true;
 #endif
 
 struct Reap {
+  struct Entry {
+    ThreadObject* thread;  // holds the reference its thread held
+    pthread_t pthread;
+    bool killed;
+  };
   std::mutex lock;
-  std::vector<ThreadObject*> killed;  // each holds the reference its thread held
+  std::vector<Entry> ending;
 };
 Reap& TheReap() {
   static Reap* reap = new Reap;  // never destroyed: threads may outlive statics
   return *reap;
 }
 
-void ReapKilled() {
-  if (!kCanReap) return;
+void File(ThreadObject* thread, pthread_t pthread, bool killed) {
+  Reap& r = TheReap();
+  std::lock_guard<std::mutex> lock(r.lock);
+  r.ending.push_back({thread, pthread, killed});
+}
+
+// Joins the filed threads whose kernel thread has gone; with `wait`, waits
+// for those that ended by themselves (they are on their last steps).
+void ReapEnded(bool wait) {
   std::vector<ThreadObject*> gone;
   {
     Reap& r = TheReap();
     std::lock_guard<std::mutex> lock(r.lock);
-    for (size_t i = 0; i < r.killed.size();) {
-      if (pthread_tryjoin_np(r.killed[i]->pthread_, nullptr) == 0) {
-        gone.push_back(r.killed[i]);
-        r.killed[i] = r.killed.back();
-        r.killed.pop_back();
+    for (size_t i = 0; i < r.ending.size();) {
+      const Reap::Entry& e = r.ending[i];
+      bool joined = false;
+      if (!e.killed && wait)
+        joined = pthread_join(e.pthread, nullptr) == 0;
+      else if (!e.killed || kCanReap)
+        joined = pthread_tryjoin_np(e.pthread, nullptr) == 0;
+      if (joined) {
+        gone.push_back(e.thread);
+        r.ending[i] = r.ending.back();
+        r.ending.pop_back();
       } else {
         ++i;
       }
@@ -181,10 +219,10 @@ void FinishThread(ThreadObject* self, DWORD code) {
     sigdelset(&mask, KillSignal());
     for (;;) sigsuspend(&mask);
   }
-  PublishEnd(self, code);
   t_self = nullptr;
-  pthread_detach(pthread_self());
-  self->Release();
+  // The reap list takes the thread's reference before waiters can wake.
+  File(self, pthread_self(), false);
+  PublishEnd(self, code);
 }
 
 struct FinishOnExit {
@@ -247,8 +285,8 @@ int QzTerminateSignal() { return KillSignal(); }
 
 uintptr_t _beginthreadex(LPSECURITY_ATTRIBUTES, unsigned stackSize, QzThreadStartRoutine start, void* argument,
                          unsigned flags, unsigned* threadId) {
-  std::call_once(g_killInstall, &InstallKillHandler);
-  ReapKilled();
+  InstallKillHandler();
+  ReapEnded(false);
   if (start == nullptr) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return 0;
@@ -404,17 +442,13 @@ BOOL TerminateThread(HANDLE thread, DWORD exitCode) {
   // From here the thread cannot end by itself, so its id stays its own until
   // the signal lands. Its reference passes to the reap list, which keeps the
   // object alive as long as the kernel thread is.
-  {
-    Reap& r = TheReap();
-    std::lock_guard<std::mutex> lock(r.lock);
-    r.killed.push_back(t);
-  }
+  File(t, t->pthread_, true);
   t->Open(kAbandoned);  // a suspended thread wakes only to take the signal
   syscall(SYS_tgkill, getpid(), static_cast<pid_t>(t->tid_), KillSignal());
   // The handler runs at once unless the thread blocks the signal; a bounded
   // wait keeps a caller from hanging on such a thread.
   (void)t->Wait(false, std::chrono::steady_clock::now() + std::chrono::seconds(2));
-  ReapKilled();
+  ReapEnded(false);
   return TRUE;
 }
 
@@ -434,10 +468,15 @@ BOOL GetVersionExA(OSVERSIONINFOA* info) {
 }
 
 size_t QzThreadsAwaitingReap() {
-  ReapKilled();
+  ReapEnded(false);
   Reap& r = TheReap();
   std::lock_guard<std::mutex> lock(r.lock);
-  return r.killed.size();
+  return r.ending.size();
+}
+
+void QzThreadRelease() {
+  ReapEnded(true);
+  ReleaseKillHandler();
 }
 
 }  // namespace qzsys

@@ -37,3 +37,16 @@ extern "C" __attribute__((visibility("default"))) int QzPluginExercise(void* bad
   ok &= Qz_IsValidReadRegion(&local, sizeof local) == 1 && Qz_IsValidWriteRegion(&local, sizeof local) == 1;
   return ok;
 }
+
+static unsigned int Answer() { return 42; }
+
+// A thread of the library's own, which installs the kill signal's handler and
+// the fault guard's. Returns 1 once it has ended.
+extern "C" __attribute__((visibility("default"))) int QzPluginRunThread() {
+  QzThread* thread = QzThread::Start(fastdelegate::FastDelegate0<unsigned int>(&Answer), 0, 0, 0);
+  if (thread == nullptr) return 0;
+  const int ended = thread->WaitForExit(0xFFFFFFFF);
+  thread->~QzThread();
+  Qz_MempoolFree(nullptr, thread);
+  return ended;
+}
