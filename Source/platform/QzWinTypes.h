@@ -40,7 +40,11 @@ typedef const WCHAR* LPCWSTR;
 
 constexpr BOOL TRUE = 1;
 constexpr BOOL FALSE = 0;
-constexpr DWORD INFINITE = 0xFFFFFFFFu;
+// A macro, as in the Windows headers, so that it and the public headers'
+// definition for hosts are the same one.
+#ifndef INFINITE
+#define INFINITE 0xFFFFFFFF
+#endif
 #define QZ_INVALID_HANDLE_VALUE (reinterpret_cast<qzsys::HANDLE>(static_cast<intptr_t>(-1)))
 
 // Result codes used across the library.

@@ -66,7 +66,9 @@ class QzTemporaryFile {
   // space; otherwise 0 or the system error's code. When the open fails after
   // the name was made, the empty file stays on disk and GetPath names it. A
   // handle from an earlier Create on the same object is closed (its file
-  // stays).
+  // stays) when the new one opens; when a second Create fails after making
+  // its name, GetPath names the new empty file while the handle is still the
+  // earlier file's.
   QZ_API HRESULT Create(const QzStringT<char>& folder, DWORD access);
   // Flushes and closes, keeping the path, so another component may open it.
   // Always 0; may be called again.

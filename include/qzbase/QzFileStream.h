@@ -16,9 +16,10 @@
 // first gives up what the target held, dropping its unwritten bytes. A
 // stream made with `new` lives in the default pool.
 // Threads: no lock; a stream belongs to one thread at a time.
-// Failures: a constructor with no usable file throws QzException (0x80070057
-// for a QzFile with no handle or a file that cannot be written, else the
-// failure code of the open; input from a path: that of QzFile::Open).
+// Failures: a constructor with no usable file throws QzException: input from
+// a path with the failure code of QzFile::Open; every other refusal (a
+// QzFile with no handle, a file that cannot be written, an output path that
+// cannot be opened or made writable) with 0x80070057.
 // Read and Write return the bytes done (short at the end of the file or on a
 // failure); Seek, SetPosition and Flush return 1 or 0. The only texts
 // logged are the mapping failures of an input stream.

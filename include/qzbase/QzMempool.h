@@ -27,7 +27,9 @@
 // reallocation leaves the old block valid. A free that the heap can prove
 // wrong (a block already given back to its heap, a header that does not fit
 // its neighbours) is dropped; a block freed twice in a row by one
-// thread is reported on debug output and otherwise ignored. Pointers that
+// thread is reported through the log (level FatalError, into the log file
+// when one is open, else to debug output) and otherwise ignored: the process
+// goes on. Pointers that
 // never came from this library are out of contract. The pools' fatal states
 // (the default pool cannot be set up; the system refuses a thread-local
 // slot value) end the process (code 0xC0000017).

@@ -96,9 +96,12 @@ class QZ_API QzStringBaseT {
   unsigned int replace(T from, T to);
   unsigned int replaceIgnoreCase(T from, T to);
   // Replaces every non-overlapping occurrence of `fromCount` units of `from`
-  // by `toCount` units of `to` (counts are literal; `to` may be null when
-  // `toCount` is 0). Equal counts work in place on a sole owner; different
-  // counts build one new block. Returns the number of replacements.
+  // by `toCount` units of `to` (`to` may be null when `toCount` is 0). The
+  // narrow form compares `fromCount` characters of the code page (a
+  // double-byte character counts once), the wide form `fromCount` units;
+  // both stop at a 0 in `from`. A hit moves on by `fromCount` units.
+  // Equal counts work in place on a sole owner; different counts build one
+  // new block. Returns the number of replacements.
   unsigned int replace(const T* from, unsigned int fromCount, const T* to, unsigned int toCount);
   unsigned int replaceIgnoreCase(const T* from, unsigned int fromCount, const T* to,
                                  unsigned int toCount);

@@ -22,7 +22,7 @@
 // StartThread must not run while a thread of the object still runs.
 //
 // Failures: Start returns null and StartThread 0, with a log line (not for
-// an empty procedure). Priority refusals are ignored. A refused affinity
+// an empty procedure, nor when Start cannot get the object's memory). Priority refusals are ignored. A refused affinity
 // fails the start; the thread then never runs its procedure.
 #ifndef QZBASE_QZTHREAD_H
 #define QZBASE_QZTHREAD_H

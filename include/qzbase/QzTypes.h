@@ -2,8 +2,8 @@
 //
 // The library keeps the Windows sizes of its interface on every platform:
 // a result declared HRESULT is a 32-bit signed value (0x80004005 is negative
-// also where long is 64 bits), and a DWORD is 32 bits (INFINITE is
-// 0xFFFFFFFF). Word-sized values (pointers, pool sizes) follow the machine word.
+// also where long is 64 bits), and a DWORD is 32 bits (INFINITE, the
+// time-out that never ends, is 0xFFFFFFFF). Word-sized values (pointers, pool sizes) follow the machine word.
 //
 // These headers compile as C++11 and later.
 #ifndef QZBASE_QZTYPES_H
@@ -31,6 +31,10 @@ typedef int32_t HRESULT;
 typedef uint32_t DWORD;
 typedef int32_t LONG;
 typedef int BOOL;
+// The time-out that never ends.
+#  ifndef INFINITE
+#    define INFINITE 0xFFFFFFFF
+#  endif
 // The system's critical section record, with the Windows field layout (24
 // bytes on i386, 40 on x86-64), so that records embedding one keep their
 // Windows size. Only the library's own calls touch its fields.
