@@ -68,22 +68,24 @@ QzStringW W(const char* text) { return QzStringW(text); }
 
 unsigned Hex(HRESULT hr) { return static_cast<unsigned>(hr); }
 
-// CRC-32 (the polynomial of zip and PNG), kept while writing and recomputed from
-// the raw bytes of the file.
-uint32_t Crc32(uint32_t crc, const void* data, size_t size) {
-  static uint32_t table[256];
-  static bool ready = false;
-  if (!ready) {
+// CRC-32 (the polynomial of zip and PNG), kept while writing on the queue
+// thread and recomputed on the main thread from the raw bytes of the file.
+struct CrcTable {
+  uint32_t entry[256];
+  CrcTable() {
     for (uint32_t i = 0; i < 256; ++i) {
       uint32_t c = i;
       for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-      table[i] = c;
+      entry[i] = c;
     }
-    ready = true;
   }
+};
+
+uint32_t Crc32(uint32_t crc, const void* data, size_t size) {
+  static const CrcTable table;  // built once, on whichever thread comes first
   const unsigned char* p = static_cast<const unsigned char*>(data);
   crc = ~crc;
-  while (size-- != 0) crc = table[(crc ^ *p++) & 0xFF] ^ (crc >> 8);
+  while (size-- != 0) crc = table.entry[(crc ^ *p++) & 0xFF] ^ (crc >> 8);
   return ~crc;
 }
 
