@@ -193,26 +193,32 @@ BENCHMARK(QzUtf16ToPage)->Args({1252, 0})->Args({1252, 1})->Args({932, 0})->Args
 }  // namespace
 
 int main(int argc, char** argv) {
-  return qzbench::Run(argc, argv, qzbench::Clock::kCpu, [](const qzbench::Times& t) {
-    printf("\nRatios of CPU time, best of 3: qzbase / direct iconv, 1 KiB texts (goal: at most 1.10)\n\n");
-    printf("  %-22s  %-8s  %-8s\n", "conversion", "ASCII", "mixed");
-    printf("  %-22s  %-8s  %-8s\n", "QZ_UTF8_TO_UTF16", t.Ratio("QzUtf8ToUtf16/0", "IconvUtf8ToUtf16/0").c_str(),
-           t.Ratio("QzUtf8ToUtf16/1", "IconvUtf8ToUtf16/1").c_str());
-    printf("  %-22s  %-8s  %-8s\n", "QZ_UTF16_TO_UTF8", t.Ratio("QzUtf16ToUtf8/0", "IconvUtf16ToUtf8/0").c_str(),
-           t.Ratio("QzUtf16ToUtf8/1", "IconvUtf16ToUtf8/1").c_str());
-    printf("  %-22s  %-8s  %-8s\n", "measure + convert", t.Ratio("QzUtf8ToUtf16TwoPass/0", "IconvUtf8ToUtf16/0").c_str(),
-           t.Ratio("QzUtf8ToUtf16TwoPass/1", "IconvUtf8ToUtf16/1").c_str());
-    printf("\nGuarding a shared descriptor (mixed text), time / direct iconv time:\n\n");
-    const char* rows[][2] = {{"spare descriptors (the library's)", "QzUtf8ToUtf16/1"},
-                             {"one lock", "GuardMutex/1"},
-                             {"open and close per call", "GuardOpenPerCall/1"},
-                             {"spare descriptors, 2 threads", "QzUtf8ToUtf16/1/threads:2"},
-                             {"one lock, 2 threads", "GuardMutex/1/threads:2"}};
-    for (auto& r : rows) printf("  %-34s  %s\n", r[0], t.Ratio(r[1], "IconvUtf8ToUtf16/1").c_str());
-    printf("\nUTF-16 to the ANSI page, 400,000 units, a third of them missing from the page,\n"
-           "time / the same length of ASCII (goal: at most 2.00):\n\n");
-    printf("  %-8s  %s\n", "1252", t.Ratio("QzUtf16ToPage/1252/1", "QzUtf16ToPage/1252/0").c_str());
-    printf("  %-8s  %s\n", "932", t.Ratio("QzUtf16ToPage/932/1", "QzUtf16ToPage/932/0").c_str());
-    printf("\n");
+  return qzbench::Run(argc, argv, qzbench::Clock::kCpu, [](qzbench::Report& r) {
+    using qzbench::Goal;
+    const Goal goal("no more than 10% over the raw iconv call for 1 KiB texts", {qzbench::RatioAtMost(1.10)});
+    qzbench::Table& t = r.AddTable("The cached conversions against calling iconv directly, 1 KiB texts",
+                                   qzbench::Ratio::kTime, {"iconv"}, "per text");
+    t.Row("QZ_UTF8_TO_UTF16, ASCII", "QzUtf8ToUtf16/0", {"IconvUtf8ToUtf16/0"}, goal);
+    t.Row("QZ_UTF8_TO_UTF16, mixed", "QzUtf8ToUtf16/1", {"IconvUtf8ToUtf16/1"}, goal);
+    t.Row("QZ_UTF16_TO_UTF8, ASCII", "QzUtf16ToUtf8/0", {"IconvUtf16ToUtf8/0"}, goal);
+    t.Row("QZ_UTF16_TO_UTF8, mixed", "QzUtf16ToUtf8/1", {"IconvUtf16ToUtf8/1"}, goal);
+    t.Row("measure + convert, ASCII", "QzUtf8ToUtf16TwoPass/0", {"IconvUtf8ToUtf16/0"});
+    t.Row("measure + convert, mixed", "QzUtf8ToUtf16TwoPass/1", {"IconvUtf8ToUtf16/1"});
+
+    qzbench::Table& g = r.AddTable("Ways to guard a shared descriptor, UTF-8 to UTF-16 of mixed text (for the record)",
+                                   qzbench::Ratio::kTime, {"iconv"}, "per text");
+    g.Row("spare descriptors (the library's)", "QzUtf8ToUtf16/1", {"IconvUtf8ToUtf16/1"});
+    g.Row("one lock", "GuardMutex/1", {"IconvUtf8ToUtf16/1"});
+    g.Row("open and close per call", "GuardOpenPerCall/1", {"IconvUtf8ToUtf16/1"});
+    g.Row("spare descriptors, 2 threads", "QzUtf8ToUtf16/1/threads:2", {"IconvUtf8ToUtf16/1"});
+    g.Row("one lock, 2 threads", "GuardMutex/1/threads:2", {"IconvUtf8ToUtf16/1"});
+
+    const Goal pageGoal("within 2 times the time of an all-ASCII text of the same length",
+                        {qzbench::RatioAtMost(2.0)});
+    qzbench::Table& p =
+        r.AddTable("UTF-16 to the ANSI page, 400,000 units, a third of them missing from the page",
+                   qzbench::Ratio::kTime, {"all ASCII"}, "per text");
+    p.Row("code page 1252", "QzUtf16ToPage/1252/1", {"QzUtf16ToPage/1252/0"}, pageGoal);
+    p.Row("code page 932", "QzUtf16ToPage/932/1", {"QzUtf16ToPage/932/0"}, pageGoal);
   });
 }

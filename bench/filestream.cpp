@@ -133,20 +133,21 @@ BENCHMARK(WriteStream)->Repetitions(3)->Iterations(4);
 BENCHMARK(WriteSyscall)->Repetitions(3)->Iterations(4);
 BENCHMARK(WriteStdio)->Repetitions(3)->Iterations(4);
 
-void Table(const qzbench::Times& t) {
-  std::printf("\nqzbase time / peer time (goal: at most 1.10 against the best peer)\n");
-  for (const char* piece : {"4096", "65536"}) {
-    std::string qz = std::string("ReadStream/") + piece + "/iterations:4";
-    std::string rd = std::string("ReadSyscall/") + piece + "/iterations:4";
-    std::string mm = std::string("ReadMmap/") + piece + "/iterations:4";
-    std::printf("read %6s B pieces: vs read(2) %s, vs mmap walk %s\n", piece, t.Ratio(qz, rd).c_str(),
-                t.Ratio(qz, mm).c_str());
-  }
-  std::printf("write 4096 B pieces: vs write(2) of 256 KiB %s, vs fwrite %s\n",
-              t.Ratio("WriteStream/iterations:4", "WriteSyscall/iterations:4").c_str(),
-              t.Ratio("WriteStream/iterations:4", "WriteStdio/iterations:4").c_str());
-}
-
 }  // namespace
 
-int main(int argc, char** argv) { return qzbench::Run(argc, argv, qzbench::Clock::kCpu, Table); }
+int main(int argc, char** argv) {
+  return qzbench::Run(argc, argv, qzbench::Clock::kCpu, [](qzbench::Report& r) {
+    const qzbench::Goal goal("within 10% of the best peer", {qzbench::BestRatioAtMost(1.10)});
+    qzbench::Table& rd = r.AddTable("Reading a 256 MiB file from the page cache", qzbench::Ratio::kTime,
+                                    {"read(2)", "mmap walk"}, "per file");
+    for (const char* piece : {"4096", "65536"}) {
+      const std::string arg = std::string("/") + piece + "/iterations:4";
+      rd.Row(std::string("QzFileInputStream::Read, ") + (piece[0] == '4' ? "4 KiB" : "64 KiB") + " pieces",
+             "ReadStream" + arg, {"ReadSyscall" + arg, "ReadMmap" + arg}, goal);
+    }
+    qzbench::Table& wr = r.AddTable("Writing a 64 MiB file", qzbench::Ratio::kTime,
+                                    {"write(2) of 256 KiB", "fwrite of 4 KiB"}, "per file");
+    wr.Row("QzFileOutputStream::Write, 4 KiB pieces", "WriteStream/iterations:4",
+           {"WriteSyscall/iterations:4", "WriteStdio/iterations:4"}, goal);
+  });
+}

@@ -3,8 +3,8 @@
 // Copies run from 64 B to 64 MiB; the rectangle copy is measured with a gap of
 // 64 bytes after every row of up to 4 KiB, against the same rows copied by
 // memcpy; the MMX and plain copies, which this processor's slot did not take,
-// are measured too. At the end a table gives each qzbase time divided by its peer's
-// (1.00: as fast; below 1: faster).
+// are measured too. At the end the tables give each qzbase time divided by its
+// peer's (1.00: as fast; below 1: faster).
 #include "QzBenchReport.h"
 #include <benchmark/benchmark.h>
 
@@ -201,29 +201,44 @@ static std::string SizeName(size_t n) {
 }
 
 int main(int argc, char** argv) {
-  return qzbench::Run(argc, argv, qzbench::Clock::kReal, [](const qzbench::Times& t) {
-    printf("\nRatios: qzbase time / C library time (1.00 as fast, below 1 faster)\n\n");
-    printf("  %-8s  %-15s  %-15s  %-15s  %-15s\n", "bytes", "Qz_FastMemcpy", "Qz_MemcpyRect",
-           "(MMX copy)", "(plain copy)");
+  return qzbench::Run(argc, argv, qzbench::Clock::kReal, [](qzbench::Report& r) {
+    using qzbench::Goal;
+    const char* kGoal = "within 10% of memcpy from 4 MiB up";
+    auto copyGoal = [&](size_t n) {
+      return n >= (size_t{4} << 20) ? Goal(kGoal, {qzbench::RatioAtMost(1.10)}) : Goal();
+    };
+    qzbench::Table& fast = r.AddTable("Qz_FastMemcpy against memcpy", qzbench::Ratio::kTime, {"memcpy"}, "per copy");
     for (size_t n = 64; n <= kMaxBytes; n *= 4) {
-      std::string arg = "/" + std::to_string(n);
-      printf("  %-8s  %-15s  %-15s  %-15s  %-15s\n", SizeName(n).c_str(),
-             t.Ratio("FastMemcpy" + arg, "LibcMemcpy" + arg).c_str(),
-             t.Ratio("MemcpyRect" + arg, "LibcRectRows" + arg).c_str(),
-             t.Ratio("MmxCopy" + arg, "LibcMemcpy" + arg).c_str(),
-             t.Ratio("PlainCopy" + arg, "LibcMemcpy" + arg).c_str());
+      const std::string arg = "/" + std::to_string(n);
+      fast.Row(SizeName(n), "FastMemcpy" + arg, {"LibcMemcpy" + arg}, copyGoal(n));
     }
-    printf("\n  Qz_FastMemcpy holds %s.\n", Qz_SlotVariantName(&Qz_FastMemcpy));
-    printf("\n  %-26s  %s\n", "maths slot vs peer", "ratio");
+    fast.Note(std::string("Qz_FastMemcpy holds ") + Qz_SlotVariantName(&Qz_FastMemcpy) + ".");
+    qzbench::Table& rect = r.AddTable("Qz_MemcpyRect against memcpy row by row (rows of up to 4 KiB, 64 B gaps)",
+                                      qzbench::Ratio::kTime, {"memcpy rows"}, "per rectangle");
+    for (size_t n = 64; n <= kMaxBytes; n *= 4) {
+      const std::string arg = "/" + std::to_string(n);
+      rect.Row(SizeName(n), "MemcpyRect" + arg, {"LibcRectRows" + arg}, copyGoal(n));
+    }
+    qzbench::Table& other = r.AddTable("The copies the slot did not take, against memcpy (for the record)",
+                                       qzbench::Ratio::kTime, {"memcpy"}, "per copy");
+    for (size_t n = 64; n <= kMaxBytes; n *= 4) {
+      const std::string arg = "/" + std::to_string(n);
+      other.Row("MMX copy, " + SizeName(n), "MmxCopy" + arg, {"LibcMemcpy" + arg});
+    }
+    for (size_t n = 64; n <= kMaxBytes; n *= 4) {
+      const std::string arg = "/" + std::to_string(n);
+      other.Row("plain copy, " + SizeName(n), "PlainCopy" + arg, {"LibcMemcpy" + arg});
+    }
+    qzbench::Table& maths =
+        r.AddTable("The maths slots against the C library", qzbench::Ratio::kTime, {"C library"}, "per value", kValues);
     const char* pairs[][3] = {{"Qz_Sqrt vs std::sqrt", "QzSqrt", "StdSqrt"},
-                              {"Qz_SqrtF vs std::sqrt", "QzSqrtF", "StdSqrtF"},
-                              {"Qz_RSqrtF vs 1/std::sqrt", "QzRSqrtF", "StdRSqrtF"},
+                              {"Qz_SqrtF vs std::sqrt (float)", "QzSqrtF", "StdSqrtF"},
+                              {"Qz_RSqrtF vs 1/std::sqrt (float)", "QzRSqrtF", "StdRSqrtF"},
                               {"Qz_Cos vs std::cos", "QzCos", "StdCos"},
                               {"Qz_Sin vs std::sin", "QzSin", "StdSin"},
                               {"Qz_Tan vs std::tan", "QzTan", "StdTan"},
                               {"Qz_Truncate vs (int) cast", "QzTruncate", "CastTruncate"},
                               {"Qz_Round vs lrint", "QzRound", "LrintRound"}};
-    for (auto& p : pairs) printf("  %-26s  %s\n", p[0], t.Ratio(p[1], p[2]).c_str());
-    printf("\n");
+    for (auto& p : pairs) maths.Row(p[0], p[1], {p[2]});
   });
 }

@@ -94,15 +94,14 @@ BENCHMARK(LineStdio)->Threads(1)->Threads(2)->UseRealTime();
 }  // namespace
 
 int main(int argc, char** argv) {
-  return qzbench::Run(argc, argv, qzbench::Clock::kReal, [](const qzbench::Times& t) {
-    printf("\nLog lines into a file: speed of qzbase relative to each peer (peer time per line / qzbase time per line;"
-           " above 1 is faster; goal: at least 1 against spdlog)\n\n");
-    printf("  %-10s  %-10s  %-14s\n", "threads", "spdlog", "fprintf+fflush");
+  return qzbench::Run(argc, argv, qzbench::Clock::kReal, [](qzbench::Report& r) {
+    const qzbench::Goal goal("at least as fast as spdlog", {qzbench::RatioAtLeast(1.0, 0)});
+    qzbench::Table& t = r.AddTable("Log lines into a file against spdlog (flushed every line) and fprintf + fflush",
+                                   qzbench::Ratio::kSpeed, {"spdlog", "fprintf+fflush"}, "per line");
     for (const char* th : {"1", "2"}) {
       const std::string s = std::string("/real_time/threads:") + th;
-      printf("  %-10s  %-10s  %-14s\n", th, t.Ratio("LineSpdlog" + s, "LineQz" + s).c_str(),
-             t.Ratio("LineStdio" + s, "LineQz" + s).c_str());
+      const std::string name = std::string(th) + (th[0] == '1' ? " thread" : " threads");
+      t.Row(name, "LineQz" + s, {"LineSpdlog" + s, "LineStdio" + s}, goal);
     }
-    printf("\n");
   });
 }

@@ -7,8 +7,10 @@
 // TLS than glibc keeps for late loads, so the program starts itself again with
 // a larger reserve (GLIBC_TUNABLES) when the first load fails.
 //
-// At the end a table gives operations per second for each allocator and the
-// ratio of ours to each peer (above 1: ours is faster).
+// At the end a table gives the time of one allocation and its free for each
+// allocator and the ratio of each peer's time to ours (above 1: ours is faster).
+#include "QzBenchReport.h"
+
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 #include <stdio.h>
@@ -179,24 +181,6 @@ void LargeBlocks(benchmark::State& state, const Allocator* a) {
   state.SetItemsProcessed(state.iterations());
 }
 
-// Collects items per second per benchmark name while the console prints.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs) {
-      auto it = r.counters.find("items_per_second");
-      if (it == r.counters.end()) continue;
-      std::string name = r.benchmark_name();
-      const std::string suffix = "/real_time";
-      if (name.size() > suffix.size() && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
-        name.resize(name.size() - suffix.size());
-      rates[name] = it->second.value;
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  std::map<std::string, double> rates;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -205,38 +189,43 @@ int main(int argc, char** argv) {
     const char* name;
     void (*fn)(benchmark::State&, const Allocator*);
     bool threaded;
+    double ops;  // allocations (each with its free) in one iteration
   } workloads[] = {
-      {"churn_lifo", ChurnLifo, false},          {"churn_fifo", ChurnFifo, false},
-      {"cache_hit_pair", CacheHitPair, false},   {"producer_consumer", ProducerConsumer, true},
-      {"large_blocks", LargeBlocks, false},
+      {"churn_lifo", ChurnLifo, false, 256},          {"churn_fifo", ChurnFifo, false, 256},
+      {"cache_hit_pair", CacheHitPair, false, 256},   {"producer_consumer", ProducerConsumer, true, 256},
+      {"large_blocks", LargeBlocks, false, 1},
   };
   for (const auto& w : workloads)
     for (const Allocator& a : g_allocators) {
       auto* b = benchmark::RegisterBenchmark((std::string(w.name) + "/" + a.name).c_str(), w.fn, &a);
       if (w.threaded) b->UseRealTime();
     }
-  benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-
-  printf("\n%-20s", "workload");
-  for (const Allocator& a : g_allocators) printf(" %14s", a.name);
-  printf("   ratios qzbase/peer\n");
-  for (const auto& w : workloads) {
-    auto ours = reporter.rates.find(std::string(w.name) + "/qzbase");
-    if (ours == reporter.rates.end()) continue;
-    printf("%-20s", w.name);
-    for (const Allocator& a : g_allocators) {
-      auto it = reporter.rates.find(std::string(w.name) + "/" + a.name);
-      printf(" %12.3gM/s", it == reporter.rates.end() ? 0.0 : it->second / 1e6);
-    }
-    printf("  ");
+  return qzbench::Run(argc, argv, qzbench::Clock::kCpu, [&](qzbench::Report& r) {
+    std::vector<std::string> peers;
+    int libc = -1, mimalloc = -1;
     for (const Allocator& a : g_allocators) {
       if (strcmp(a.name, "qzbase") == 0) continue;
-      auto it = reporter.rates.find(std::string(w.name) + "/" + a.name);
-      if (it != reporter.rates.end() && it->second > 0) printf(" %s %.2f", a.name, ours->second / it->second);
+      if (strcmp(a.name, "libc") == 0) libc = int(peers.size());
+      if (strcmp(a.name, "mimalloc") == 0) mimalloc = int(peers.size());
+      peers.push_back(a.name);
     }
-    printf("\n");
-  }
-  return 0;
+    qzbench::Table& t = r.AddTable("Allocation and free against the C library's malloc, jemalloc and mimalloc",
+                                   qzbench::Ratio::kSpeed, peers, "per allocation and its free");
+    for (const auto& w : workloads) {
+      std::vector<std::string> names;
+      for (const std::string& p : peers) names.push_back(std::string(w.name) + "/" + p);
+      std::string ours = std::string(w.name) + "/qzbase";
+      if (w.threaded) {
+        ours += "/real_time";
+        for (std::string& n : names) n += "/real_time";
+      }
+      std::vector<qzbench::Check> checks{qzbench::RatioAbove(1.0, libc)};
+      std::string goal = "faster than the C library's malloc";
+      if (strcmp(w.name, "cache_hit_pair") == 0) {
+        checks.push_back(qzbench::RatioAtLeast(1.0, mimalloc));
+        goal += ", and at least as fast as mimalloc";
+      }
+      t.Row(w.name, ours, names, qzbench::Goal(goal, checks), w.ops);
+    }
+  });
 }

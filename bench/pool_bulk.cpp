@@ -114,15 +114,12 @@ BENCHMARK(LibcCalloc)->Repetitions(3);
 }  // namespace
 
 int main(int argc, char** argv) {
-  return qzbench::Run(argc, argv, qzbench::Clock::kCpu, [](const qzbench::Times& t) {
-    printf("\nRatios: peer CPU time / bulk CPU time for 10,000 elements (above 1: bulk faster)\n\n");
-    const char* rows[][3] = {
-        {"SingleAlloc", "BulkCoMalloc", "comalloc vs Qz_MempoolAlloc x10000 (goal >= 2)"},
-        {"LibcMalloc", "BulkCoMalloc", "comalloc vs malloc x10000"},
-        {"SingleCalloc", "BulkCalloc", "calloc vs Qz_MempoolCalloc x10000 (goal >= 2)"},
-        {"LibcCalloc", "BulkCalloc", "calloc vs calloc x10000"},
-    };
-    for (auto& row : rows) printf("  %-48s %6s\n", row[2], t.Ratio(row[0], row[1]).c_str());
-    printf("\n");
+  return qzbench::Run(argc, argv, qzbench::Clock::kCpu, [](qzbench::Report& r) {
+    const qzbench::Goal goal("bulk at least 2 times the single calls", {qzbench::RatioAtLeast(2.0, 0)});
+    qzbench::Table& t = r.AddTable("Bulk allocation of 10,000 elements against 10,000 single calls",
+                                   qzbench::Ratio::kSpeed, {"single pool calls", "C library calls"},
+                                   "per 10,000 elements");
+    t.Row("Qz_MempoolIndependentCoMalloc (16 to 215 B)", "BulkCoMalloc", {"SingleAlloc", "LibcMalloc"}, goal);
+    t.Row("Qz_MempoolIndependentCalloc (48 B, zeroed)", "BulkCalloc", {"SingleCalloc", "LibcCalloc"}, goal);
   });
 }

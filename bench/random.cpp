@@ -60,16 +60,16 @@ BENCHMARK(StdRange)->Arg(6)->Arg(1000)->Arg(0x80000001)->Repetitions(3);
 }  // namespace
 
 int main(int argc, char** argv) {
-  return qzbench::Run(argc, argv, qzbench::Clock::kCpu, [](const qzbench::Times& t) {
-    printf("\nRatios: standard library CPU time / qzbase CPU time (above 1: qzbase faster)\n\n");
-    const char* rows[][3] = {
-        {"StdInt", "QzInt", "Qz_RandomInt vs std::mt19937 (goal >= 1.20)"},
-        {"StdDouble", "QzDouble", "Qz_RandomDouble vs uniform_real_distribution"},
-        {"StdRange/6", "QzRange/6", "Qz_RandomIntRange [0,6) vs uniform_int"},
-        {"StdRange/1000", "QzRange/1000", "Qz_RandomIntRange [0,1000) vs uniform_int"},
-        {"StdRange/2147483649", "QzRange/2147483649", "Qz_RandomIntRange [0,2^31+1) vs uniform_int"},
-    };
-    for (auto& row : rows) printf("  %-48s %6s\n", row[2], t.Ratio(row[0], row[1]).c_str());
-    printf("\n");
+  return qzbench::Run(argc, argv, qzbench::Clock::kCpu, [](qzbench::Report& r) {
+    qzbench::Table& t =
+        r.AddTable("Random generators against the standard library's MT19937", qzbench::Ratio::kSpeed,
+                   {"standard library"}, "per value");
+    t.Row("Qz_RandomInt vs std::mt19937", "QzInt", {"StdInt"},
+          qzbench::Goal("at least 1.2 times std::mt19937", {qzbench::RatioAtLeast(1.2)}));
+    t.Row("Qz_RandomDouble vs uniform_real_distribution", "QzDouble", {"StdDouble"});
+    t.Row("Qz_RandomIntRange [0,6) vs uniform_int_distribution", "QzRange/6", {"StdRange/6"});
+    t.Row("Qz_RandomIntRange [0,1000) vs uniform_int_distribution", "QzRange/1000", {"StdRange/1000"});
+    t.Row("Qz_RandomIntRange [0,2^31+1) vs uniform_int_distribution", "QzRange/2147483649",
+          {"StdRange/2147483649"});
   });
 }
