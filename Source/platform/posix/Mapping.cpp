@@ -32,6 +32,10 @@ namespace qzsys {
 namespace {
 
 constexpr uint64_t kGranularity = 0x10000;
+// Read-only views up to this size get their page tables filled at once, as a
+// stream's sliding view is read from end to end: one system call instead of a
+// fault per few pages, which costs most where paging is virtualised.
+constexpr uint64_t kPopulateLimit = 1u << 20;
 constexpr uint32_t kSharedMagic = 0x515A5345u;
 
 template <typename R>
@@ -292,6 +296,7 @@ LPVOID MapViewOfFileEx(HANDLE mapping, DWORD access, DWORD offsetHigh, DWORD off
     if (reinterpret_cast<uintptr_t>(base) % kGranularity != 0) return Fail(ERROR_INVALID_ADDRESS, static_cast<LPVOID>(nullptr));
     flags |= MAP_FIXED_NOREPLACE;
   }
+  if (prot == PROT_READ && length <= kPopulateLimit) flags |= MAP_POPULATE;
   void* view = mmap(base, static_cast<size_t>(length), prot, flags, section->descriptor(),
                     static_cast<off_t>(section->dataOffset_ + offset));
   if (view == MAP_FAILED) {
