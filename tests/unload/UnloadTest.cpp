@@ -218,6 +218,9 @@ void LoadAndUnload(bool sandboxed) {
     pthread_key_t key;
     if (pthread_key_create(&key, nullptr) != 0 || key != firstFree) _exit(18);  // its key was deleted
     pthread_key_delete(key);
+    // A joined thread may still be listed for a moment while the kernel (or
+    // an emulator's thread behind it) finishes its exit.
+    for (int wait = 0; ThreadCount() != threads && wait < 2000; ++wait) usleep(1000);
     if (ThreadCount() != threads) _exit(19);
   }
   _exit(0);
