@@ -637,8 +637,9 @@ bool Demo::CheckSamples() {
 
 void PoolRow(const char* name, QzMempool* pool) {
   const QzMempoolInfo info = Qz_MempoolGetInfo(pool);
-  printf("  %-13s footprint %8zu, peak %8zu, in use %8zu, free %8zu bytes (%zu free chunks)\n", name,
-         Qz_MempoolFootprint(pool), info.maxFootprint, info.usedBytes, info.freeBytes, info.freeChunks);
+  printf("  %-13s footprint %8zu, peak %8zu, in use %8zu, free %8zu bytes (%zu free chunk%s)\n", name,
+         Qz_MempoolFootprint(pool), info.maxFootprint, info.usedBytes, info.freeBytes, info.freeChunks,
+         info.freeChunks == 1 ? "" : "s");
 }
 
 void Demo::PrintPools() {
