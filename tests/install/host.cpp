@@ -30,7 +30,7 @@ int main() {
   QZ_LOG_WRITE_A(QZ_LOG_STATUS, "host: %s", text.c_str());  // see QZ_DEBUG_OUTPUT
 
   QzThread* thread = QzThread::Start(&Work, 0, 0, 0);  // a delegate of a plain function
-  Check(thread != 0 && thread->WaitForExit(0xFFFFFFFF) == 1 && runs == 1, "a thread");
+  Check(thread != 0 && thread->WaitForExit(INFINITE) == 1 && runs == 1, "a thread");
   if (thread != 0) {  // the object lives in the default pool
     thread->~QzThread();
     Qz_MempoolFree(0, thread);
