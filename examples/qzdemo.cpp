@@ -676,7 +676,7 @@ void Demo::PrintProcessor() {
   } kSlots[] = {{"Qz_Sin", &Qz_Sin, "the tones"},
                 {"Qz_Round", &Qz_Round, "samples to integers"},
                 {"Qz_Sqrt", &Qz_Sqrt, "the RMS level"},
-                {"Qz_FastMemcpy", &Qz_FastMemcpy, "reads across stream views"}};
+                {"Qz_FastMemcpy", &Qz_FastMemcpy, "large copies; not used by the demo"}};
   for (const auto& s : kSlots) {
     const char* variant = Qz_SlotVariantName(s.slot);
     printf("  %-22s %s (%s)\n", s.name, variant ? variant : "(not set)", s.use);
