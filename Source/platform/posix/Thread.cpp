@@ -166,6 +166,7 @@ struct Reap {
   struct Entry {
     ThreadObject* thread;  // holds the reference its thread held
     pthread_t pthread;
+    DWORD process;  // a child of fork() has none of its parent's threads
     bool killed;
   };
   std::mutex lock;
@@ -179,20 +180,25 @@ Reap& TheReap() {
 void File(ThreadObject* thread, pthread_t pthread, bool killed) {
   Reap& r = TheReap();
   std::lock_guard<std::mutex> lock(r.lock);
-  r.ending.push_back({thread, pthread, killed});
+  r.ending.push_back({thread, pthread, GetCurrentProcessId(), killed});
 }
 
 // Joins the filed threads whose kernel thread has gone; with `wait`, waits
 // for those that ended by themselves (they are on their last steps).
 void ReapEnded(bool wait) {
   std::vector<ThreadObject*> gone;
+  const DWORD process = GetCurrentProcessId();
   {
     Reap& r = TheReap();
     std::lock_guard<std::mutex> lock(r.lock);
     for (size_t i = 0; i < r.ending.size();) {
       const Reap::Entry& e = r.ending[i];
       bool joined = false;
-      if (!e.killed && wait)
+      if (e.process != process)
+        // Filed before a fork: the child has no such thread, and its runtime
+        // took the thread's record back at the fork; a join would free it again.
+        joined = true;
+      else if (!e.killed && wait)
         joined = pthread_join(e.pthread, nullptr) == 0;
       else if (!e.killed || kCanReap)
         joined = pthread_tryjoin_np(e.pthread, nullptr) == 0;
